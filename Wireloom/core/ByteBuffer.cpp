@@ -1,0 +1,52 @@
+#include <Wireloom/core/Assert.hpp>
+#include <Wireloom/core/ByteBuffer.hpp>
+
+#include <cstring>
+
+namespace wireloom {
+
+namespace {
+constexpr std::uint8_t kEmptyByte = 0;
+}
+
+ByteBuffer::ByteBuffer(std::vector<std::uint8_t>&& bytes) {
+    if (bytes.empty()) return;
+    auto owner = std::make_shared<std::vector<std::uint8_t>>(std::move(bytes));
+    size_ = owner->size();
+    storage_ = std::shared_ptr<const std::uint8_t>(owner, owner->data());
+}
+
+ByteBuffer ByteBuffer::copy(const void* bytes, std::size_t length) {
+    if (length == 0) return {};
+    // One allocation for the count and the bytes together.
+    std::shared_ptr<std::uint8_t[]> block = std::make_shared_for_overwrite<std::uint8_t[]>(length);
+    std::memcpy(block.get(), bytes, length);
+    return ByteBuffer(std::shared_ptr<const std::uint8_t>(block, block.get()), length);
+}
+
+const std::uint8_t* ByteBuffer::data() const noexcept {
+    return storage_ ? storage_.get() : &kEmptyByte;
+}
+
+std::uint8_t ByteBuffer::operator[](std::size_t index) const noexcept {
+    WL_ASSERT(index < size_, "ByteBuffer index out of range");
+    return storage_.get()[index];
+}
+
+ByteBuffer ByteBuffer::subrange(std::size_t offset, std::size_t length) const {
+    WL_ASSERT(offset <= size_ && length <= size_ - offset, "ByteBuffer subrange out of range");
+    if (length == 0) return {};
+    return ByteBuffer(std::shared_ptr<const std::uint8_t>(storage_, storage_.get() + offset), length);
+}
+
+bool operator==(const ByteBuffer& a, const ByteBuffer& b) noexcept {
+    return a.size_ == b.size_ && (a.size_ == 0 || std::memcmp(a.data(), b.data(), a.size_) == 0);
+}
+
+void MutableByteBuffer::append(const void* bytes, std::size_t length) {
+    if (length == 0) return;
+    auto p = static_cast<const std::uint8_t*>(bytes);
+    bytes_.insert(bytes_.end(), p, p + length);
+}
+
+}  // namespace wireloom

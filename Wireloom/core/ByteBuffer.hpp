@@ -1,0 +1,105 @@
+#pragma once
+// ByteBuffer: the library's immutable byte buffer. Copies share one block of
+// bytes, and a sub-range shares its parent's block too, so a decoded layer can
+// hand out its payload without copying the frame again:
+//
+//   ByteBuffer frame = ByteBuffer::copy(bytes, length);   // one copy
+//   ByteBuffer payload = frame.subrange(54, frame.size() - 54); // no copy
+//
+// The member functions in the second group are the PXRV utilities that the
+// whole library shares (digests, base64, hex, printable text).
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace wireloom {
+
+class ByteBuffer {
+public:
+    ByteBuffer() noexcept = default;
+    // Takes over the bytes of a vector without copying them.
+    explicit ByteBuffer(std::vector<std::uint8_t>&& bytes);
+
+    static ByteBuffer copy(const void* bytes, std::size_t length);
+    static ByteBuffer copy(std::span<const std::uint8_t> bytes) { return copy(bytes.data(), bytes.size()); }
+    static ByteBuffer fromString(std::string_view text) { return copy(text.data(), text.size()); }
+
+    // Never null, even when empty, so it can be handed to memcpy and friends.
+    const std::uint8_t* data() const noexcept;
+    std::size_t size() const noexcept { return size_; }
+    bool empty() const noexcept { return size_ == 0; }
+    std::span<const std::uint8_t> span() const noexcept { return {data(), size_}; }
+    std::string_view stringView() const noexcept { return {reinterpret_cast<const char*>(data()), size_}; }
+    const std::uint8_t* begin() const noexcept { return data(); }
+    const std::uint8_t* end() const noexcept { return data() + size_; }
+    std::uint8_t operator[](std::size_t index) const noexcept;
+
+    // The bytes [offset, offset + length) sharing this buffer's storage.
+    // Asking for bytes outside the buffer is a programming error.
+    ByteBuffer subrange(std::size_t offset, std::size_t length) const;
+    ByteBuffer subrange(std::size_t offset) const { return subrange(offset, size_ - offset); }
+
+    // True when both share storage and range (not merely equal bytes).
+    bool isSameBuffer(const ByteBuffer& other) const noexcept {
+        return storage_.get() == other.storage_.get() && size_ == other.size_;
+    }
+    friend bool operator==(const ByteBuffer& a, const ByteBuffer& b) noexcept;
+
+    // --- PXRV byte-buffer utilities ---------------------------------------
+
+    // Standard base64 with padding and no line breaks; nothing when the
+    // encoder fails.
+    std::optional<std::string> base64EncodedString() const;
+    std::string sha256HexDigest() const;  // 64 lower-case hex digits
+    std::string md5HexDigest() const;     // 32 lower-case hex digits
+    std::string hexEncodedString() const; // "%02x" per byte, no separators
+    // Keeps bytes 32 to 126 only; line breaks and tabs are dropped as well.
+    std::string bestEffortASCIIStringDiscardingInvalidBytes() const;
+    // Parses lower-case hex digits, skipping every other character (upper-case
+    // A-F included); a last unpaired nibble becomes its byte's high half.
+    static ByteBuffer dataWithHexString(std::string_view text);
+
+private:
+    ByteBuffer(std::shared_ptr<const std::uint8_t> storage, std::size_t size) noexcept
+        : storage_(std::move(storage)), size_(size) {}
+
+    // Points at the first byte of this range; shares ownership of the block.
+    std::shared_ptr<const std::uint8_t> storage_;
+    std::size_t size_ = 0;
+};
+
+// A growable buffer for code that assembles bytes (streams, file writers).
+class MutableByteBuffer {
+public:
+    MutableByteBuffer() = default;
+    explicit MutableByteBuffer(std::size_t reserve) { bytes_.reserve(reserve); }
+
+    void append(const void* bytes, std::size_t length);
+    void append(const ByteBuffer& buffer) { append(buffer.data(), buffer.size()); }
+    void append(std::string_view text) { append(text.data(), text.size()); }
+    void appendByte(std::uint8_t byte) { bytes_.push_back(byte); }
+    void resize(std::size_t length) { bytes_.resize(length); }
+    void clear() noexcept { bytes_.clear(); }
+    void reserve(std::size_t length) { bytes_.reserve(length); }
+
+    std::uint8_t* data() noexcept { return bytes_.data(); }
+    const std::uint8_t* data() const noexcept { return bytes_.data(); }
+    std::size_t size() const noexcept { return bytes_.size(); }
+    bool empty() const noexcept { return bytes_.empty(); }
+
+    // An immutable copy of the current contents.
+    ByteBuffer copy() const { return ByteBuffer::copy(bytes_.data(), bytes_.size()); }
+    // Hands the contents over without copying and leaves this buffer empty.
+    ByteBuffer take() { return ByteBuffer(std::move(bytes_)); }
+
+private:
+    std::vector<std::uint8_t> bytes_;
+};
+
+}  // namespace wireloom
