@@ -1,0 +1,22 @@
+#pragma once
+// Everything public in Wireloom, in one include.
+
+#include <Wireloom/core/Assert.hpp>
+#include <Wireloom/core/ByteBuffer.hpp>
+#include <Wireloom/core/Log.hpp>
+#include <Wireloom/core/NotificationCenter.hpp>
+#include <Wireloom/core/Object.hpp>
+#include <Wireloom/core/RunLoop.hpp>
+#include <Wireloom/core/Value.hpp>
+
+#include <Wireloom/packets/PXBSDLoopbackPacket.hpp>
+#include <Wireloom/packets/PXEthernetPacket.hpp>
+#include <Wireloom/packets/PXIPv4Packet.hpp>
+#include <Wireloom/packets/PXIPv6Packet.hpp>
+#include <Wireloom/packets/PXPacket.hpp>
+#include <Wireloom/packets/PXRTPPacket.hpp>
+#include <Wireloom/packets/PXTCPPacket.hpp>
+#include <Wireloom/packets/PXUDPPacket.hpp>
+#include <Wireloom/packets/PacketClass.hpp>
+
+#include <Wireloom/capture/PXCaptureFile.hpp>

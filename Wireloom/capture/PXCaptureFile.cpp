@@ -1,0 +1,46 @@
+#include <Wireloom/capture/PXCaptureFile.hpp>
+
+#include <pcap/pcap.h>
+
+namespace wireloom {
+
+std::unique_ptr<PXCaptureFile> PXCaptureFile::open(const std::string& path, std::string* error) {
+    char reason[PCAP_ERRBUF_SIZE] = "";
+    pcap_t* handle = pcap_open_offline(path.c_str(), reason);
+    if (!handle) {
+        if (error) *error = reason;
+        return nullptr;
+    }
+    return std::unique_ptr<PXCaptureFile>(new PXCaptureFile(handle, path));
+}
+
+PXCaptureFile::PXCaptureFile(pcap* handle, std::string path)
+    : handle_(handle), path_(std::move(path)), linkLayerType_(pcap_datalink(handle)),
+      snapLength_(static_cast<std::uint32_t>(pcap_snapshot(handle))) {}
+
+PXCaptureFile::~PXCaptureFile() { pcap_close(handle_); }
+
+bool PXCaptureFile::nextRecord(const pcap_pkthdr** header, const std::uint8_t** data, std::string* error) {
+    pcap_pkthdr* h = nullptr;
+    const u_char* bytes = nullptr;
+    int status = pcap_next_ex(handle_, &h, &bytes);
+    if (status == 1) {
+        *header = h;
+        *data = bytes;
+        return true;
+    }
+    if (error) {
+        if (status == PCAP_ERROR_BREAK) error->clear();  // the end of the file
+        else *error = pcap_geterr(handle_);
+    }
+    return false;
+}
+
+PXPacketPtr PXCaptureFile::nextPacket(std::string* error) {
+    const pcap_pkthdr* header;
+    const std::uint8_t* data;
+    if (!nextRecord(&header, &data, error)) return nullptr;
+    return PXPacket::packetWithHeader(*header, data, linkLayerType_);
+}
+
+}  // namespace wireloom

@@ -1,0 +1,51 @@
+#include <Wireloom/core/detail/ByteReader.hpp>
+#include <Wireloom/packets/PXBSDLoopbackPacket.hpp>
+#include <Wireloom/packets/PXIPv4Packet.hpp>
+#include <Wireloom/packets/PXIPv6Packet.hpp>
+
+namespace wireloom {
+
+namespace {
+constexpr std::uint32_t kFamilyIPv4 = 2;
+// The IPv6 family number of the platform these captures come from; other
+// systems' numbers (24, 28, and Linux's 10) are deliberately not recognised.
+constexpr std::uint32_t kFamilyIPv6 = 30;
+}  // namespace
+
+const PacketClass& PXBSDLoopbackPacket::staticClass() {
+    static const PacketClass cls("PXBSDLoopbackPacket", &PXPacket::staticClass(),
+                                 &PXBSDLoopbackPacket::packetFromData, &PXBSDLoopbackPacket::allowedParentProtocols);
+    return cls;
+}
+
+std::string PXBSDLoopbackPacket::payloadTypeName() const {
+    switch (payloadType_) {
+    case kFamilyIPv4: return "Internet Protocol version 4";
+    case kFamilyIPv6: return "Internet Protocol version 6";
+    default: return "Unknown";
+    }
+}
+
+std::optional<PacketClassSet> PXBSDLoopbackPacket::allowedParentProtocols() {
+    return PacketClassSet{&PXPacket::staticClass()};
+}
+
+std::optional<PacketClassSet> PXBSDLoopbackPacket::restrictedChildProtocols() const {
+    switch (payloadType_) {
+    case kFamilyIPv4: return PacketClassSet{&PXIPv4Packet::staticClass()};
+    case kFamilyIPv6: return PacketClassSet{&PXIPv6Packet::staticClass()};
+    default: return PacketClassSet{};
+    }
+}
+
+PXPacketPtr PXBSDLoopbackPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
+    detail::ByteReader r(data.span());
+    std::uint32_t family = r.readHost<std::uint32_t>();
+    if (!r) return nullptr;
+    auto packet = std::make_shared<PXBSDLoopbackPacket>();
+    packet->payloadType_ = family;
+    *consumed = 4;
+    return packet;
+}
+
+}  // namespace wireloom

@@ -1,0 +1,68 @@
+#include <Wireloom/core/detail/ByteReader.hpp>
+#include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/packets/PXEthernetPacket.hpp>
+#include <Wireloom/packets/PXIPv4Packet.hpp>
+#include <Wireloom/packets/PXIPv6Packet.hpp>
+
+namespace wireloom {
+
+namespace {
+constexpr std::uint16_t kEtherTypeIPv4 = 0x0800;
+constexpr std::uint16_t kEtherTypeARP = 0x0806;
+constexpr std::uint16_t kEtherTypeIPv6 = 0x86DD;
+}  // namespace
+
+const PacketClass& PXEthernetPacket::staticClass() {
+    static const PacketClass cls("PXEthernetPacket", &PXPacket::staticClass(), &PXEthernetPacket::packetFromData,
+                                 &PXEthernetPacket::allowedParentProtocols);
+    return cls;
+}
+
+std::string PXEthernetPacket::stringFromMACAddress(const std::uint8_t* a) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string text(17, ':');
+    for (int i = 0; i < 6; ++i) {
+        text[static_cast<std::size_t>(3 * i)] = kHex[a[i] >> 4];
+        text[static_cast<std::size_t>(3 * i + 1)] = kHex[a[i] & 0x0f];
+    }
+    return text;
+}
+
+std::string PXEthernetPacket::payloadTypeName() const {
+    switch (payloadType_) {
+    case kEtherTypeIPv4: return "Internet Protocol version 4";
+    case kEtherTypeARP: return "Address Resolution Protocol";
+    case kEtherTypeIPv6: return "Internet Protocol Version 6";
+    default: return "Unknown";
+    }
+}
+
+std::optional<PacketClassSet> PXEthernetPacket::allowedParentProtocols() {
+    return PacketClassSet{&PXPacket::staticClass()};
+}
+
+std::optional<PacketClassSet> PXEthernetPacket::restrictedChildProtocols() const {
+    switch (payloadType_) {
+    case kEtherTypeIPv4: return PacketClassSet{&PXIPv4Packet::staticClass()};
+    case kEtherTypeIPv6: return PacketClassSet{&PXIPv6Packet::staticClass()};
+    default: return PacketClassSet{};
+    }
+}
+
+PXPacketPtr PXEthernetPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
+    detail::ByteReader r(data.span());
+    if (!r.has(14)) return nullptr;
+    auto packet = std::make_shared<PXEthernetPacket>();
+    r.readInto(packet->macDest_.data(), 6);
+    r.readInto(packet->macSource_.data(), 6);
+    packet->payloadType_ = r.readBE<std::uint16_t>();
+    *consumed = 14;
+    return packet;
+}
+
+std::string PXEthernetPacket::description() const {
+    return detail::stringWithFormat("(Eth) MAC %s => %s, proto 0x%04x - %s", macSource().c_str(), macDest().c_str(),
+                                    payloadType_, genericDescription().c_str());
+}
+
+}  // namespace wireloom

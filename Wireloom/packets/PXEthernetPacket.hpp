@@ -1,0 +1,40 @@
+#pragma once
+// PXEthernetPacket: an Ethernet II header, the first layer of captures of
+// link-layer type 1 (DLT_EN10MB). No 802.1Q tag handling: a tagged frame ends
+// here with the payload type 0x8100.
+
+#include <Wireloom/packets/PXPacket.hpp>
+
+#include <array>
+
+namespace wireloom {
+
+class PXEthernetPacket : public PXPacket {
+public:
+    static const PacketClass& staticClass();
+    const PacketClass& packetClass() const override { return staticClass(); }
+
+    std::uint16_t payloadType() const noexcept { return payloadType_; }  // EtherType
+    void setPayloadType(std::uint16_t type) noexcept { payloadType_ = type; }
+    // Addresses are kept as their six bytes and formatted when asked, which
+    // keeps string building out of the decode path.
+    std::string macSource() const { return stringFromMACAddress(macSource_.data()); }
+    std::string macDest() const { return stringFromMACAddress(macDest_.data()); }
+    std::string payloadTypeName() const;
+
+    // "%02x:%02x:%02x:%02x:%02x:%02x" of six bytes.
+    static std::string stringFromMACAddress(const std::uint8_t* address);
+
+    static std::optional<PacketClassSet> allowedParentProtocols();
+    std::optional<PacketClassSet> restrictedChildProtocols() const override;
+    static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
+    std::string name() const override { return "Ethernet Packet"; }
+    std::string description() const override;
+
+private:
+    std::array<std::uint8_t, 6> macSource_{};
+    std::array<std::uint8_t, 6> macDest_{};
+    std::uint16_t payloadType_ = 0;
+};
+
+}  // namespace wireloom

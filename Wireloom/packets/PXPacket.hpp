@@ -1,0 +1,145 @@
+#pragma once
+// PXPacket: one protocol layer of a captured frame, and the root of every
+// decoded frame. Layers form a chain from the root (which owns the captured
+// bytes) inward: Ethernet or loopback, IPv4 or IPv6, TCP or UDP, and so on.
+//
+// Ownership is inverted on purpose: each layer holds its outer layer
+// (encapsulatingPacket) strongly and its inner layer weakly, so whoever keeps
+// the innermost packet keeps the whole frame, and dropping it frees the frame.
+//
+//   PXPacketPtr innermost = PXPacket::packetWithHeader(header, bytes, DLT_EN10MB);
+//   if (auto tcp = innermost->packetWithProtocol<PXTCPPacket>())
+//       std::printf("%u -> %u\n", tcp->sourcePort(), tcp->destPort());
+//
+// timestamp, rawData and lengthOnWire always answer from the root, so every
+// layer reports the frame's values. A decoded chain is immutable by
+// convention; the setters exist for decoders and for code that builds frames.
+
+#include <Wireloom/core/ByteBuffer.hpp>
+#include <Wireloom/core/Object.hpp>
+#include <Wireloom/packets/PacketClass.hpp>
+
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+struct pcap_pkthdr;
+
+namespace wireloom {
+
+class PXPacket : public Object {
+public:
+    // The automatic decode chain stops after this many layers. No real frame
+    // comes near it; it exists because some layers can consume nothing (an
+    // IPv4 header with IHL 0 under protocol 4 would decode itself forever).
+    static constexpr int kMaxDecodeDepth = 64;
+    // Snap length written into pcap file headers; live captures use the same.
+    static constexpr std::uint32_t kSnapLength = 65535;
+
+    PXPacket() = default;
+    // Takes the timestamp from a libpcap record header (seconds plus
+    // microseconds); sets nothing else.
+    explicit PXPacket(const pcap_pkthdr& header);
+
+    static const PacketClass& staticClass();
+    virtual const PacketClass& packetClass() const { return staticClass(); }
+    std::string className() const override { return std::string(packetClass().name()); }
+
+    // --- Properties -------------------------------------------------------
+
+    double timestamp() const noexcept;
+    void setTimestamp(double timestamp) noexcept { timestamp_ = timestamp; }
+    const ByteBuffer& rawData() const noexcept;
+    void setRawData(ByteBuffer data) noexcept { rawData_ = std::move(data); }
+    std::uint32_t lengthOnWire() const noexcept;
+    void setLengthOnWire(std::uint32_t length) noexcept { lengthOnWire_ = length; }
+    const std::string& interface() const noexcept { return interface_; }
+    void setInterface(std::string name) { interface_ = std::move(name); }
+
+    PXPacketPtr encapsulatingPacket() const noexcept { return encapsulatingPacket_; }
+    void setEncapsulatingPacket(PXPacketPtr parent) noexcept { encapsulatingPacket_ = std::move(parent); }
+    PXPacketPtr encapsulatedPacket() const noexcept { return encapsulatedPacket_.lock(); }
+    void setEncapsulatedPacket(const PXPacketPtr& child) noexcept { encapsulatedPacket_ = child; }
+
+    // --- Per-class behaviour ----------------------------------------------
+
+    // The classes this class may be decoded under; nothing: any parent.
+    static std::optional<PacketClassSet> allowedParentProtocols() { return std::nullopt; }
+    // The classes allowed as this packet's child; nothing: no restriction,
+    // an empty set: no child at all.
+    virtual std::optional<PacketClassSet> restrictedChildProtocols() const { return std::nullopt; }
+    // A plain packet recognises no bytes.
+    static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
+    virtual std::string name() const { return "Generic Packet"; }
+    std::string description() const override { return genericDescription(); }
+
+    // The payload size of layers that have one (IP, TCP, UDP); nothing for
+    // the others. Decoders of inner layers size their payload from it.
+    virtual std::optional<std::uint32_t> layerPayloadSize() const noexcept { return std::nullopt; }
+    // The payload bytes of layers that keep them (TCP, UDP, RTP), else null.
+    virtual const ByteBuffer* layerPayload() const noexcept { return nullptr; }
+
+    // --- Construction and decoding ----------------------------------------
+
+    // Every registered packet class (PXPacket itself excluded), fixed at the
+    // first use.
+    static const PacketClassSet& packetClasses();
+    // Adds a class of the host's own; only before the first decode.
+    static void registerPacketClass(const PacketClass& cls);
+    // The registered class of that name, or null.
+    static const PacketClass* packetClassNamed(std::string_view name);
+
+    // Copies the captured bytes into a new root and decodes as many layers as
+    // the registered classes recognise, choosing each by the allowed-parent
+    // and restricted-child rules. Returns the innermost packet (the root when
+    // nothing was recognised).
+    static PXPacketPtr packetWithHeader(const pcap_pkthdr& header, const std::uint8_t* data, int linkLayerType);
+    // Decodes exactly the given classes, listed innermost first (the last one
+    // is decoded first), over the buffer, which is kept, not copied. Returns
+    // the innermost packet decoded, or null when a class is neither PXPacket
+    // nor a direct subclass of it.
+    static PXPacketPtr packetWithRawData(const ByteBuffer& data, std::span<const PacketClass* const> classes,
+                                         double timestamp, std::uint32_t lengthOnWire);
+    static PXPacketPtr packetWithRawData(const ByteBuffer& data, std::initializer_list<const PacketClass*> classes,
+                                         double timestamp, std::uint32_t lengthOnWire) {
+        return packetWithRawData(data, std::span<const PacketClass* const>(classes.begin(), classes.size()),
+                                 timestamp, lengthOnWire);
+    }
+
+    // --- Navigation ---------------------------------------------------------
+
+    PXPacketPtr rootPacket() const;
+    // The first layer, from this one outward, of the class or a subclass.
+    PXPacketPtr packetWithProtocol(const PacketClass& cls) const;
+    template <class T>
+    std::shared_ptr<T> packetWithProtocol() const {
+        return std::static_pointer_cast<T>(packetWithProtocol(T::staticClass()));
+    }
+    bool isKindOf(const PacketClass& cls) const noexcept { return packetClass().isSubclassOf(cls); }
+    // 1 for an Ethernet frame, 0 for BSD loopback, -1 otherwise.
+    int linkLayerType() const;
+    // For a root: the link layer the capture's type calls for (nothing for an
+    // unknown type). For any other layer: restrictedChildProtocols().
+    std::optional<PacketClassSet> restrictedChildProtocolsWithLinkLayerType(int linkLayerType) const;
+
+    // --- pcap files ----------------------------------------------------------
+
+    // The 24-byte pcap file header in host byte order.
+    static ByteBuffer pcapHeaderForLinkLayerType(std::int32_t linkLayerType);
+    static ByteBuffer pcapHeaderForRepresentativePacket(const PXPacket& packet);
+    // One pcap record (16-byte header in host order, then the frame's bytes).
+    ByteBuffer pcapFileEntry() const;
+
+private:
+    double timestamp_ = 0;
+    ByteBuffer rawData_;
+    PXPacketPtr encapsulatingPacket_;
+    std::weak_ptr<PXPacket> encapsulatedPacket_;
+    std::uint32_t lengthOnWire_ = 0;
+    std::string interface_;
+};
+
+}  // namespace wireloom

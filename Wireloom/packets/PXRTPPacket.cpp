@@ -1,0 +1,37 @@
+#include <Wireloom/core/detail/ByteReader.hpp>
+#include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/packets/PXRTPPacket.hpp>
+
+namespace wireloom {
+
+const PacketClass& PXRTPPacket::staticClass() {
+    static const PacketClass cls("PXRTPPacket", &PXPacket::staticClass(), &PXRTPPacket::packetFromData,
+                                 &PXRTPPacket::allowedParentProtocols);
+    return cls;
+}
+
+PXPacketPtr PXRTPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
+    if (data.size() < 12 || !parent) return nullptr;
+    const ByteBuffer* parentPayload = parent->layerPayload();
+    // Strictly more than the header: an RTP packet with no payload is refused.
+    if (!parentPayload || parentPayload->size() <= 12) return nullptr;
+
+    detail::ByteReader r(data.span());
+    if ((r.readByte() & 0xc0) != 0x80) return nullptr;  // version 2
+    r.skip(1);
+    auto packet = std::make_shared<PXRTPPacket>();
+    packet->sequenceNumber_ = r.readBE<std::uint16_t>();
+    packet->rtpTimestamp_ = r.readBE<std::uint32_t>();
+    packet->ssrcIdentifier_ = r.readBE<std::uint32_t>();
+    packet->payload_ = parentPayload->subrange(12);
+    *consumed = static_cast<std::uint32_t>(packet->payload_.size() + 12);
+    return packet;
+}
+
+std::string PXRTPPacket::description() const {
+    return detail::stringWithFormat("(RTP) size %u bytes, seq %u, timestamp %u, identifier 0x%x",
+                                    static_cast<unsigned>(payload_.size()), sequenceNumber_, rtpTimestamp_,
+                                    ssrcIdentifier_);
+}
+
+}  // namespace wireloom

@@ -1,0 +1,52 @@
+#include <Wireloom/core/detail/ByteReader.hpp>
+#include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/packets/PXIPv4Packet.hpp>
+#include <Wireloom/packets/PXIPv6Packet.hpp>
+#include <Wireloom/packets/PXTCPPacket.hpp>
+
+namespace wireloom {
+
+const PacketClass& PXTCPPacket::staticClass() {
+    static const PacketClass cls("PXTCPPacket", &PXPacket::staticClass(), &PXTCPPacket::packetFromData,
+                                 &PXTCPPacket::allowedParentProtocols);
+    return cls;
+}
+
+std::optional<PacketClassSet> PXTCPPacket::allowedParentProtocols() {
+    return PacketClassSet{&PXIPv4Packet::staticClass(), &PXIPv6Packet::staticClass()};
+}
+
+PXPacketPtr PXTCPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
+    if (data.size() < 20 || !parent) return nullptr;
+    const std::optional<std::uint32_t> parentPayloadSize = parent->layerPayloadSize();
+    if (!parentPayloadSize) return nullptr;
+
+    detail::ByteReader r(data.span());
+    auto packet = std::make_shared<PXTCPPacket>();
+    packet->sourcePort_ = r.readBE<std::uint16_t>();
+    packet->destPort_ = r.readBE<std::uint16_t>();
+    packet->seqNumber_ = r.readBE<std::uint32_t>();
+    packet->ackNumber_ = r.readBE<std::uint32_t>();
+    const std::uint32_t headerLength = (r.readByte() >> 4) * 4u;
+    const std::uint8_t flags = r.readByte();
+    packet->finFlag_ = flags & 0x01;
+    packet->synFlag_ = flags & 0x02;
+    packet->ackFlag_ = flags & 0x10;
+
+    if (*parentPayloadSize >= headerLength) packet->payloadSize_ = *parentPayloadSize - headerLength;
+    // The IP layer vouches for its payload size; a parent that does not (a
+    // hand-picked class list can put anything above TCP) must still never
+    // make the payload reach past the captured bytes.
+    if (headerLength > data.size() || packet->payloadSize_ > data.size() - headerLength) packet->payloadSize_ = 0;
+    packet->payload_ = data.subrange(packet->payloadSize_ ? headerLength : 0, packet->payloadSize_);
+    *consumed = headerLength;
+    return packet;
+}
+
+std::string PXTCPPacket::description() const {
+    return detail::stringWithFormat(
+        "(TCP) size %u bytes, port %u->%u, seq %u bytes, ack %u bytes, ack:%d, syn:%d, fin: %d - %s", payloadSize_,
+        sourcePort_, destPort_, seqNumber_, ackNumber_, ackFlag_, synFlag_, finFlag_, genericDescription().c_str());
+}
+
+}  // namespace wireloom

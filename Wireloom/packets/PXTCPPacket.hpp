@@ -1,0 +1,55 @@
+#pragma once
+// PXTCPPacket: a TCP header under an IPv4 or IPv6 layer, with its payload.
+// The payload size comes from the IP layer (its payload less the TCP header),
+// so Ethernet padding after a short segment is never mistaken for data. The
+// chain always ends here: stream contents belong to the flows.
+
+#include <Wireloom/packets/PXPacket.hpp>
+
+namespace wireloom {
+
+class PXTCPPacket : public PXPacket {
+public:
+    static const PacketClass& staticClass();
+    const PacketClass& packetClass() const override { return staticClass(); }
+
+    std::uint32_t payloadSize() const noexcept { return payloadSize_; }
+    void setPayloadSize(std::uint32_t size) noexcept { payloadSize_ = size; }
+    // Shares the frame's bytes rather than copying them; never mutated.
+    const ByteBuffer& payload() const noexcept { return payload_; }
+    void setPayload(ByteBuffer payload) noexcept { payload_ = std::move(payload); }
+    std::uint16_t sourcePort() const noexcept { return sourcePort_; }
+    void setSourcePort(std::uint16_t port) noexcept { sourcePort_ = port; }
+    std::uint16_t destPort() const noexcept { return destPort_; }
+    void setDestPort(std::uint16_t port) noexcept { destPort_ = port; }
+    std::uint32_t seqNumber() const noexcept { return seqNumber_; }
+    void setSeqNumber(std::uint32_t number) noexcept { seqNumber_ = number; }
+    std::uint32_t ackNumber() const noexcept { return ackNumber_; }
+    void setAckNumber(std::uint32_t number) noexcept { ackNumber_ = number; }
+    bool ackFlag() const noexcept { return ackFlag_; }
+    void setAckFlag(bool flag) noexcept { ackFlag_ = flag; }
+    bool synFlag() const noexcept { return synFlag_; }
+    void setSynFlag(bool flag) noexcept { synFlag_ = flag; }
+    bool finFlag() const noexcept { return finFlag_; }
+    void setFinFlag(bool flag) noexcept { finFlag_ = flag; }
+
+    static std::optional<PacketClassSet> allowedParentProtocols();
+    static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
+    std::string name() const override { return "TCP Packet"; }
+    std::string description() const override;
+    std::optional<std::uint32_t> layerPayloadSize() const noexcept override { return payloadSize_; }
+    const ByteBuffer* layerPayload() const noexcept override { return &payload_; }
+
+private:
+    ByteBuffer payload_;
+    std::uint32_t payloadSize_ = 0;
+    std::uint32_t seqNumber_ = 0;
+    std::uint32_t ackNumber_ = 0;
+    std::uint16_t sourcePort_ = 0;
+    std::uint16_t destPort_ = 0;
+    bool ackFlag_ = false;
+    bool synFlag_ = false;
+    bool finFlag_ = false;
+};
+
+}  // namespace wireloom

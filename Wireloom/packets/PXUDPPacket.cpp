@@ -1,0 +1,48 @@
+#include <Wireloom/core/detail/ByteReader.hpp>
+#include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/packets/PXIPv4Packet.hpp>
+#include <Wireloom/packets/PXIPv6Packet.hpp>
+#include <Wireloom/packets/PXUDPPacket.hpp>
+
+namespace wireloom {
+
+namespace {
+constexpr std::uint16_t kMDNSPort = 5353;
+}
+
+const PacketClass& PXUDPPacket::staticClass() {
+    static const PacketClass cls("PXUDPPacket", &PXPacket::staticClass(), &PXUDPPacket::packetFromData,
+                                 &PXUDPPacket::allowedParentProtocols);
+    return cls;
+}
+
+std::optional<PacketClassSet> PXUDPPacket::allowedParentProtocols() {
+    return PacketClassSet{&PXIPv4Packet::staticClass(), &PXIPv6Packet::staticClass()};
+}
+
+std::optional<PacketClassSet> PXUDPPacket::restrictedChildProtocols() const {
+    if (sourcePort_ != kMDNSPort || destPort_ != kMDNSPort) return std::nullopt;
+    // The mDNS class lives in a higher layer of the library; it is found by
+    // name in the registry, and a process without it decodes nothing here.
+    static const PacketClass* const mdns = PXPacket::packetClassNamed("PXMDNSPacket");
+    return PacketClassSet{mdns};
+}
+
+PXPacketPtr PXUDPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
+    detail::ByteReader r(data.span());
+    if (!r.has(8)) return nullptr;
+    auto packet = std::make_shared<PXUDPPacket>();
+    packet->sourcePort_ = r.readBE<std::uint16_t>();
+    packet->destPort_ = r.readBE<std::uint16_t>();
+    const std::uint32_t udpLength = r.readBE<std::uint16_t>();
+    if (data.size() >= udpLength && udpLength >= 8) packet->payloadSize_ = udpLength - 8;
+    packet->payload_ = data.subrange(packet->payloadSize_ ? 8 : 0, packet->payloadSize_);
+    *consumed = 8;
+    return packet;
+}
+
+std::string PXUDPPacket::description() const {
+    return detail::stringWithFormat("(UDP) size %u bytes, ports %u=>%u", payloadSize_, sourcePort_, destPort_);
+}
+
+}  // namespace wireloom

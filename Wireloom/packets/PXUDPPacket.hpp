@@ -1,0 +1,40 @@
+#pragma once
+// PXUDPPacket: a UDP header under an IPv4 or IPv6 layer, with its payload.
+// Only datagrams from port 5353 to port 5353 lead to a deeper layer
+// (multicast DNS); RTP is decoded only on request, through the directed
+// decoder, since nothing in UDP says a datagram carries it.
+
+#include <Wireloom/packets/PXPacket.hpp>
+
+namespace wireloom {
+
+class PXUDPPacket : public PXPacket {
+public:
+    static const PacketClass& staticClass();
+    const PacketClass& packetClass() const override { return staticClass(); }
+
+    std::uint32_t payloadSize() const noexcept { return payloadSize_; }
+    void setPayloadSize(std::uint32_t size) noexcept { payloadSize_ = size; }
+    const ByteBuffer& payload() const noexcept { return payload_; }
+    void setPayload(ByteBuffer payload) noexcept { payload_ = std::move(payload); }
+    std::uint16_t sourcePort() const noexcept { return sourcePort_; }
+    void setSourcePort(std::uint16_t port) noexcept { sourcePort_ = port; }
+    std::uint16_t destPort() const noexcept { return destPort_; }
+    void setDestPort(std::uint16_t port) noexcept { destPort_ = port; }
+
+    static std::optional<PacketClassSet> allowedParentProtocols();
+    std::optional<PacketClassSet> restrictedChildProtocols() const override;
+    static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
+    std::string name() const override { return "UDP Packet"; }
+    std::string description() const override;
+    std::optional<std::uint32_t> layerPayloadSize() const noexcept override { return payloadSize_; }
+    const ByteBuffer* layerPayload() const noexcept override { return &payload_; }
+
+private:
+    ByteBuffer payload_;
+    std::uint32_t payloadSize_ = 0;
+    std::uint16_t sourcePort_ = 0;
+    std::uint16_t destPort_ = 0;
+};
+
+}  // namespace wireloom

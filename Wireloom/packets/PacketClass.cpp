@@ -1,0 +1,36 @@
+#include <Wireloom/packets/PacketClass.hpp>
+#include <Wireloom/packets/detail/PacketRegistry.hpp>
+
+namespace wireloom {
+
+using detail::PacketRegistry;
+
+std::optional<PacketClassSet> PacketClass::allowedParentProtocols() const {
+    return allowedParents_ ? allowedParents_() : std::nullopt;
+}
+
+int PacketClass::registryIndex() const noexcept {
+    if (!PacketRegistry::isBuildingOnThisThread()) PacketRegistry::shared();
+    return index_;
+}
+
+PacketClassSet::PacketClassSet(std::initializer_list<const PacketClass*> classes) noexcept {
+    for (const PacketClass* cls : classes)
+        if (cls) insert(*cls);
+}
+
+void PacketClassSet::insert(const PacketClass& cls) noexcept {
+    int index = cls.registryIndex();
+    if (index >= 0) bits_ |= std::uint64_t{1} << index;
+}
+
+bool PacketClassSet::contains(const PacketClass& cls) const noexcept {
+    int index = cls.registryIndex();
+    return index >= 0 && (bits_ >> index & 1) != 0;
+}
+
+const PacketClass& PacketClassSet::iterator::operator*() const noexcept {
+    return PacketRegistry::shared().classAt(std::countr_zero(bits_));
+}
+
+}  // namespace wireloom

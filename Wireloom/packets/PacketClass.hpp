@@ -1,0 +1,114 @@
+#pragma once
+// PacketClass: a packet class as a run-time value. Flows remember the class
+// of the packets they carry, packetWithProtocol() takes one, and the decode
+// chain picks the next layer by walking the registered classes. Each packet
+// class has exactly one descriptor, returned by its staticClass():
+//
+//   const PacketClass& tcp = PXTCPPacket::staticClass();
+//   if (packet->packetClass().isSubclassOf(tcp)) ...
+//
+// PacketClassSet is a set of registered classes, kept as a bit mask over
+// their registry indices so that the per-layer set arithmetic of the decode
+// chain never allocates.
+
+#include <Wireloom/core/ByteBuffer.hpp>
+
+#include <bit>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+namespace wireloom {
+
+class PXPacket;
+class PacketClassSet;
+namespace detail {
+class PacketRegistry;
+}
+using PXPacketPtr = std::shared_ptr<PXPacket>;
+
+class PacketClass {
+public:
+    // Decodes one layer from the front of data under parent; returns the new
+    // packet, or null when the bytes are not of this class. *consumed (never
+    // null) receives the number of header bytes the layer took.
+    using Decoder = PXPacketPtr (*)(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
+    // The classes this class may be decoded under; nothing means any parent.
+    using AllowedParents = std::optional<PacketClassSet> (*)();
+
+    constexpr PacketClass(std::string_view name, const PacketClass* base, Decoder decoder,
+                          AllowedParents allowedParents) noexcept
+        : name_(name), base_(base), decoder_(decoder), allowedParents_(allowedParents) {}
+    PacketClass(const PacketClass&) = delete;
+    PacketClass& operator=(const PacketClass&) = delete;
+
+    std::string_view name() const noexcept { return name_; }
+    const PacketClass* base() const noexcept { return base_; }
+    PXPacketPtr decode(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) const {
+        return decoder_(data, parent, consumed);
+    }
+    std::optional<PacketClassSet> allowedParentProtocols() const;
+
+    // True for this class itself and every class derived from it.
+    bool isSubclassOf(const PacketClass& other) const noexcept {
+        for (const PacketClass* c = this; c; c = c->base_)
+            if (c == &other) return true;
+        return false;
+    }
+
+    // Position in the registry, or -1 while the class is not registered.
+    int registryIndex() const noexcept;
+
+private:
+    friend class detail::PacketRegistry;
+    mutable int index_ = -1;  // assigned once, while the registry is built
+    std::string_view name_;
+    const PacketClass* base_;
+    Decoder decoder_;
+    AllowedParents allowedParents_;
+};
+
+class PacketClassSet {
+public:
+    static constexpr int kCapacity = 64;
+
+    constexpr PacketClassSet() noexcept = default;
+    // Classes that are not registered are left out: a set names only classes
+    // the decode chain can reach.
+    PacketClassSet(std::initializer_list<const PacketClass*> classes) noexcept;
+
+    void insert(const PacketClass& cls) noexcept;
+    bool contains(const PacketClass& cls) const noexcept;
+    bool empty() const noexcept { return bits_ == 0; }
+    int count() const noexcept { return std::popcount(bits_); }
+    PacketClassSet& operator&=(const PacketClassSet& other) noexcept {
+        bits_ &= other.bits_;
+        return *this;
+    }
+    friend bool operator==(const PacketClassSet&, const PacketClassSet&) = default;
+
+    // Iterates in registry order.
+    class iterator {
+    public:
+        explicit iterator(std::uint64_t bits) noexcept : bits_(bits) {}
+        const PacketClass& operator*() const noexcept;
+        iterator& operator++() noexcept {
+            bits_ &= bits_ - 1;
+            return *this;
+        }
+        bool operator!=(const iterator& other) const noexcept { return bits_ != other.bits_; }
+
+    private:
+        std::uint64_t bits_;
+    };
+    iterator begin() const noexcept { return iterator(bits_); }
+    iterator end() const noexcept { return iterator(0); }
+
+private:
+    friend class detail::PacketRegistry;
+    std::uint64_t bits_ = 0;
+};
+
+}  // namespace wireloom

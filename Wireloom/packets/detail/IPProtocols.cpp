@@ -1,0 +1,26 @@
+#include <Wireloom/packets/PXBSDLoopbackPacket.hpp>
+#include <Wireloom/packets/PXEthernetPacket.hpp>
+#include <Wireloom/packets/PXIPv4Packet.hpp>
+#include <Wireloom/packets/PXIPv6Packet.hpp>
+#include <Wireloom/packets/PXTCPPacket.hpp>
+#include <Wireloom/packets/PXUDPPacket.hpp>
+#include <Wireloom/packets/detail/IPProtocols.hpp>
+
+namespace wireloom::detail {
+
+PacketClassSet childClassesForIPProtocol(std::uint8_t protocol) {
+    switch (protocol) {
+    case 4: return {&PXIPv4Packet::staticClass()};
+    case 6: return {&PXTCPPacket::staticClass()};
+    case 17: return {&PXUDPPacket::staticClass()};
+    case 41: return {&PXIPv6Packet::staticClass()};
+    default: return {};
+    }
+}
+
+PacketClassSet ipParentClasses() {
+    return {&PXBSDLoopbackPacket::staticClass(), &PXEthernetPacket::staticClass(), &PXIPv4Packet::staticClass(),
+            &PXIPv6Packet::staticClass()};
+}
+
+}  // namespace wireloom::detail

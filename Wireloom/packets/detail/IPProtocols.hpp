@@ -1,0 +1,14 @@
+#pragma once
+// The child classes both IP layers allow, by IP protocol number.
+
+#include <Wireloom/packets/PacketClass.hpp>
+
+namespace wireloom::detail {
+
+// 4 (IP in IP) and 41 (IPv6) give the IP classes, 6 TCP, 17 UDP; every other
+// number, ICMP included, gives the empty set.
+PacketClassSet childClassesForIPProtocol(std::uint8_t protocol);
+// Link layers and the IP layers themselves, for tunnels.
+PacketClassSet ipParentClasses();
+
+}  // namespace wireloom::detail

@@ -1,0 +1,75 @@
+#include <Wireloom/core/Assert.hpp>
+#include <Wireloom/packets/PXPacket.hpp>
+#include <Wireloom/packets/detail/PacketRegistry.hpp>
+
+#include <mutex>
+
+namespace wireloom::detail {
+
+namespace {
+
+struct Pending {
+    std::mutex mutex;
+    std::vector<const PacketClass*> classes;
+    bool frozen = false;
+};
+
+Pending& pending() {
+    static Pending p;
+    return p;
+}
+
+// Set while this thread builds the registry, so that the sets built for the
+// allowed parents do not ask for the registry that is being built.
+thread_local bool tBuilding = false;
+
+}  // namespace
+
+void PacketRegistry::addPendingClass(const PacketClass& cls) {
+    auto& p = pending();
+    std::lock_guard lock(p.mutex);
+    WL_ASSERT(!p.frozen, "Packet classes must be registered before the first decode");
+    for (const PacketClass* c : p.classes)
+        if (c == &cls) return;
+    p.classes.push_back(&cls);
+}
+
+PacketRegistry::PacketRegistry() {
+    registerBuiltInPacketClasses();
+    std::vector<const PacketClass*> list;
+    {
+        auto& p = pending();
+        std::lock_guard lock(p.mutex);
+        p.frozen = true;
+        list = p.classes;
+    }
+    // PXPacket gets an index so that sets can name it as a parent, but it is
+    // not one of the packet classes: it is only ever the root.
+    list.insert(list.begin(), &PXPacket::staticClass());
+    for (const PacketClass* cls : list) {
+        if (cls->index_ >= 0) continue;
+        WL_ASSERT(classes_.size() < static_cast<std::size_t>(PacketClassSet::kCapacity), "Too many packet classes");
+        cls->index_ = static_cast<int>(classes_.size());
+        classes_.push_back(cls);
+        if (cls != &PXPacket::staticClass()) all_.bits_ |= std::uint64_t{1} << cls->index_;
+    }
+    tBuilding = true;
+    allowedParents_.reserve(classes_.size());
+    for (const PacketClass* cls : classes_) allowedParents_.push_back(cls->allowedParentProtocols());
+    tBuilding = false;
+}
+
+const PacketRegistry& PacketRegistry::shared() {
+    static const PacketRegistry registry;
+    return registry;
+}
+
+bool PacketRegistry::isBuildingOnThisThread() noexcept { return tBuilding; }
+
+const PacketClass* PacketRegistry::classNamed(std::string_view name) const noexcept {
+    for (const PacketClass* cls : classes_)
+        if (cls->name() == name) return cls;
+    return nullptr;
+}
+
+}  // namespace wireloom::detail
