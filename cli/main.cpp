@@ -1,0 +1,33 @@
+// wireloom: decode captures from the command line.
+#include "Commands.hpp"
+
+#include <cstring>
+
+using namespace wireloom::cli;
+
+void wireloom::cli::printUsage(std::FILE* to) {
+    std::fputs("usage: wireloom read FILE [--format oneline|none]\n"
+               "\n"
+               "  read    decode every frame of a capture file (pcap or pcapng)\n"
+               "          --format oneline  one line per frame: number, time, each layer (default)\n"
+               "          --format none     decode everything, print only a summary\n",
+               to);
+}
+
+int main(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (args.empty()) {
+        printUsage(stderr);
+        return kExitUsage;
+    }
+    const std::string command = args.front();
+    args.erase(args.begin());
+    if (command == "read") return readCommand(args, stdout, stderr);
+    if (command == "--help" || command == "-h" || command == "help") {
+        printUsage(stdout);
+        return 0;
+    }
+    std::fprintf(stderr, "wireloom: unknown command '%s'\n", command.c_str());
+    printUsage(stderr);
+    return kExitUsage;
+}
