@@ -25,6 +25,17 @@ public:
     ByteBuffer() noexcept = default;
     // Takes over the bytes of a vector without copying them.
     explicit ByteBuffer(std::vector<std::uint8_t>&& bytes);
+    ByteBuffer(const ByteBuffer& other) noexcept { assignFrom(other); }
+    ByteBuffer(ByteBuffer&& other) noexcept { moveFrom(std::move(other)); }
+    ByteBuffer& operator=(const ByteBuffer& other) noexcept {
+        if (this != &other) assignFrom(other);
+        return *this;
+    }
+    ByteBuffer& operator=(ByteBuffer&& other) noexcept {
+        if (this != &other) moveFrom(std::move(other));
+        return *this;
+    }
+    ~ByteBuffer() = default;
 
     static ByteBuffer copy(const void* bytes, std::size_t length);
     static ByteBuffer copy(std::span<const std::uint8_t> bytes) { return copy(bytes.data(), bytes.size()); }
@@ -44,6 +55,12 @@ public:
     // Asking for bytes outside the buffer is a programming error.
     ByteBuffer subrange(std::size_t offset, std::size_t length) const;
     ByteBuffer subrange(std::size_t offset) const { return subrange(offset, size_ - offset); }
+
+    // A view of [offset, offset + length) that takes no share of the storage,
+    // for hot loops that hand out many short-lived views (the decode chain
+    // gives one to every layer). The view must not outlive this buffer; any
+    // copy, move or sub-range of it owns its bytes like an ordinary buffer.
+    ByteBuffer borrowedView(std::size_t offset, std::size_t length) const;
 
     // True when both share storage and range (not merely equal bytes).
     bool isSameBuffer(const ByteBuffer& other) const noexcept {
@@ -66,12 +83,30 @@ public:
     static ByteBuffer dataWithHexString(std::string_view text);
 
 private:
-    ByteBuffer(std::shared_ptr<const std::uint8_t> storage, std::size_t size) noexcept
-        : storage_(std::move(storage)), size_(size) {}
+    ByteBuffer(std::shared_ptr<const std::uint8_t> storage, std::size_t size,
+               const ByteBuffer* lender = nullptr) noexcept
+        : storage_(std::move(storage)), size_(size), lender_(lender) {}
+    // The storage of this range that owns its share of the block.
+    std::shared_ptr<const std::uint8_t> owningStorage() const noexcept;
+    void assignFrom(const ByteBuffer& other) noexcept {
+        storage_ = other.owningStorage();
+        size_ = other.size_;
+        lender_ = nullptr;
+    }
+    void moveFrom(ByteBuffer&& other) noexcept {
+        if (other.lender_) return assignFrom(other);
+        storage_ = std::move(other.storage_);
+        size_ = other.size_;
+        lender_ = nullptr;
+        other.size_ = 0;
+    }
 
-    // Points at the first byte of this range; shares ownership of the block.
+    // Points at the first byte of this range; shares ownership of the block,
+    // except in a borrowed view, where it owns nothing and lender_ is the
+    // buffer that does.
     std::shared_ptr<const std::uint8_t> storage_;
     std::size_t size_ = 0;
+    const ByteBuffer* lender_ = nullptr;
 };
 
 // A growable buffer for code that assembles bytes (streams, file writers).

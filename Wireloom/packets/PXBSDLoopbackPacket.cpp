@@ -31,9 +31,11 @@ std::optional<PacketClassSet> PXBSDLoopbackPacket::allowedParentProtocols() {
 }
 
 std::optional<PacketClassSet> PXBSDLoopbackPacket::restrictedChildProtocols() const {
+    static const PacketClassSet ipv4{&PXIPv4Packet::staticClass()};
+    static const PacketClassSet ipv6{&PXIPv6Packet::staticClass()};
     switch (payloadType_) {
-    case kFamilyIPv4: return PacketClassSet{&PXIPv4Packet::staticClass()};
-    case kFamilyIPv6: return PacketClassSet{&PXIPv6Packet::staticClass()};
+    case kFamilyIPv4: return ipv4;
+    case kFamilyIPv6: return ipv6;
     default: return PacketClassSet{};
     }
 }

@@ -42,9 +42,11 @@ std::optional<PacketClassSet> PXEthernetPacket::allowedParentProtocols() {
 }
 
 std::optional<PacketClassSet> PXEthernetPacket::restrictedChildProtocols() const {
+    static const PacketClassSet ipv4{&PXIPv4Packet::staticClass()};
+    static const PacketClassSet ipv6{&PXIPv6Packet::staticClass()};
     switch (payloadType_) {
-    case kEtherTypeIPv4: return PacketClassSet{&PXIPv4Packet::staticClass()};
-    case kEtherTypeIPv6: return PacketClassSet{&PXIPv6Packet::staticClass()};
+    case kEtherTypeIPv4: return ipv4;
+    case kEtherTypeIPv6: return ipv6;
     default: return PacketClassSet{};
     }
 }

@@ -76,18 +76,19 @@ PXPacketPtr PXPacket::packetWithHeader(const pcap_pkthdr& header, const std::uin
     root->lengthOnWire_ = header.len;
 
     PXPacketPtr current = root;
-    ByteBuffer remaining = root->rawData_;
-    for (int depth = 0; depth < kMaxDecodeDepth && !remaining.empty(); ++depth) {
-        PacketClassSet candidates = registry.allClasses();
+    const ByteBuffer& frame = root->rawData_;
+    std::size_t offset = 0;
+    for (int depth = 0; depth < kMaxDecodeDepth; ++depth) {
+        PacketClassSet candidates = registry.classesAcceptingParent(current->packetClass().registryIndex());
         if (auto restriction = current->restrictedChildProtocolsWithLinkLayerType(linkLayerType))
             candidates &= *restriction;
 
-        const PacketClass& currentClass = current->packetClass();
+        // Each layer sees the rest of the frame as a view that costs no
+        // reference counting; what a layer keeps of it owns its bytes.
+        const ByteBuffer remaining = frame.borrowedView(offset, frame.size() - offset);
         PXPacketPtr child;
         std::uint32_t consumed = 0;
         for (const PacketClass& candidate : candidates) {
-            const auto& allowed = registry.allowedParents(candidate);
-            if (allowed && !allowed->contains(currentClass)) continue;
             consumed = 0;
             child = candidate.decode(remaining, current, &consumed);
             if (child) break;
@@ -96,7 +97,7 @@ PXPacketPtr PXPacket::packetWithHeader(const pcap_pkthdr& header, const std::uin
         link(current, child);
         current = std::move(child);
         if (consumed >= remaining.size()) break;
-        remaining = remaining.subrange(consumed);
+        offset += consumed;
     }
     return current;
 }
@@ -119,15 +120,17 @@ PXPacketPtr PXPacket::packetWithRawData(const ByteBuffer& data, std::span<const 
     root->lengthOnWire_ = lengthOnWire;
 
     PXPacketPtr current = root;
-    ByteBuffer remaining = data;
+    const ByteBuffer& frame = root->rawData_;
+    std::size_t offset = 0;
     for (auto it = classes.rbegin(); it != classes.rend(); ++it) {
+        const ByteBuffer remaining = frame.borrowedView(offset, frame.size() - offset);
         std::uint32_t consumed = 0;
         PXPacketPtr child = (*it)->decode(remaining, current, &consumed);
         if (!child) break;
         link(current, child);
         current = std::move(child);
         if (consumed >= remaining.size()) break;
-        remaining = remaining.subrange(consumed);
+        offset += consumed;
     }
     return current;
 }
@@ -156,8 +159,10 @@ int PXPacket::linkLayerType() const {
 
 std::optional<PacketClassSet> PXPacket::restrictedChildProtocolsWithLinkLayerType(int linkLayerType) const {
     if (&packetClass() != &staticClass()) return restrictedChildProtocols();
-    if (linkLayerType == DLT_NULL) return PacketClassSet{&PXBSDLoopbackPacket::staticClass()};
-    if (linkLayerType == DLT_EN10MB) return PacketClassSet{&PXEthernetPacket::staticClass()};
+    static const PacketClassSet loopback{&PXBSDLoopbackPacket::staticClass()};
+    static const PacketClassSet ethernet{&PXEthernetPacket::staticClass()};
+    if (linkLayerType == DLT_NULL) return loopback;
+    if (linkLayerType == DLT_EN10MB) return ethernet;
     return std::nullopt;
 }
 

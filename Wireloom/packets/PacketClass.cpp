@@ -9,9 +9,9 @@ std::optional<PacketClassSet> PacketClass::allowedParentProtocols() const {
     return allowedParents_ ? allowedParents_() : std::nullopt;
 }
 
-int PacketClass::registryIndex() const noexcept {
+int PacketClass::registryIndexSlow() const noexcept {
     if (!PacketRegistry::isBuildingOnThisThread()) PacketRegistry::shared();
-    return index_;
+    return index_.load(std::memory_order_acquire);
 }
 
 PacketClassSet::PacketClassSet(std::initializer_list<const PacketClass*> classes) noexcept {

@@ -13,6 +13,7 @@
 
 #include <Wireloom/core/ByteBuffer.hpp>
 
+#include <atomic>
 #include <bit>
 #include <cstdint>
 #include <initializer_list>
@@ -59,11 +60,17 @@ public:
     }
 
     // Position in the registry, or -1 while the class is not registered.
-    int registryIndex() const noexcept;
+    int registryIndex() const noexcept {
+        int index = index_.load(std::memory_order_acquire);
+        return index >= 0 ? index : registryIndexSlow();
+    }
 
 private:
+    int registryIndexSlow() const noexcept;
+
     friend class detail::PacketRegistry;
-    mutable int index_ = -1;  // assigned once, while the registry is built
+    // Assigned once, while the registry is built; read on every decoded layer.
+    mutable std::atomic<int> index_{-1};
     std::string_view name_;
     const PacketClass* base_;
     Decoder decoder_;

@@ -120,3 +120,20 @@ TEST(ByteBufferUtilities, SubrangesShareStorage) {
     EXPECT_TRUE(whole.subrange(10).empty());
     EXPECT_NE(whole.subrange(10).data(), nullptr);
 }
+
+TEST(ByteBufferUtilities, BorrowedViewsOwnOnceCopied) {
+    ByteBuffer copied, moved, sub;
+    {
+        ByteBuffer lender = ByteBuffer::fromString("borrowed bytes");
+        ByteBuffer view = lender.borrowedView(9, 5);
+        EXPECT_EQ(view.data(), lender.data() + 9);
+        copied = view;
+        sub = view.subrange(1, 3);
+        ByteBuffer again = lender.borrowedView(0, 8).borrowedView(0, 3);
+        moved = std::move(again);
+    }
+    // The lender is gone; everything taken from its views still holds bytes.
+    EXPECT_EQ(copied.stringView(), "bytes");
+    EXPECT_EQ(sub.stringView(), "yte");
+    EXPECT_EQ(moved.stringView(), "bor");
+}

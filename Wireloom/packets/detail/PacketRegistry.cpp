@@ -47,15 +47,27 @@ PacketRegistry::PacketRegistry() {
     // not one of the packet classes: it is only ever the root.
     list.insert(list.begin(), &PXPacket::staticClass());
     for (const PacketClass* cls : list) {
-        if (cls->index_ >= 0) continue;
+        if (cls->index_.load(std::memory_order_relaxed) >= 0) continue;
         WL_ASSERT(classes_.size() < static_cast<std::size_t>(PacketClassSet::kCapacity), "Too many packet classes");
-        cls->index_ = static_cast<int>(classes_.size());
+        const int index = static_cast<int>(classes_.size());
+        cls->index_.store(index, std::memory_order_release);
         classes_.push_back(cls);
-        if (cls != &PXPacket::staticClass()) all_.bits_ |= std::uint64_t{1} << cls->index_;
+        if (cls != &PXPacket::staticClass()) all_.bits_ |= std::uint64_t{1} << index;
     }
+
+    // Which classes accept which parent never changes, so the decode chain
+    // gets it as one mask per parent instead of asking every candidate.
     tBuilding = true;
-    allowedParents_.reserve(classes_.size());
-    for (const PacketClass* cls : classes_) allowedParents_.push_back(cls->allowedParentProtocols());
+    acceptingParent_.assign(classes_.size(), PacketClassSet{});
+    for (const PacketClass* child : classes_) {
+        if (child == &PXPacket::staticClass()) continue;
+        const std::optional<PacketClassSet> allowed = child->allowedParentProtocols();
+        if (!allowed) acceptingAnyParent_.bits_ |= std::uint64_t{1} << child->index_.load(std::memory_order_relaxed);
+        for (std::size_t parent = 0; parent < classes_.size(); ++parent) {
+            if (!allowed || allowed->contains(*classes_[parent]))
+                acceptingParent_[parent].bits_ |= std::uint64_t{1} << child->index_.load(std::memory_order_relaxed);
+        }
+    }
     tBuilding = false;
 }
 

@@ -19,15 +19,19 @@ public:
     const PacketClassSet& allClasses() const noexcept { return all_; }
     const PacketClass& classAt(int index) const noexcept { return *classes_[static_cast<std::size_t>(index)]; }
     const PacketClass* classNamed(std::string_view name) const noexcept;
-    // The cached allowedParentProtocols() of a registered class.
-    const std::optional<PacketClassSet>& allowedParents(const PacketClass& cls) const noexcept {
-        return allowedParents_[static_cast<std::size_t>(cls.index_)];
+    // The classes that may be decoded under a packet of the given registered
+    // class: those whose allowed parents are unrestricted or include it.
+    // A parent of an unregistered class (index -1) is accepted only by the
+    // classes that accept any parent.
+    const PacketClassSet& classesAcceptingParent(int parentIndex) const noexcept {
+        return parentIndex < 0 ? acceptingAnyParent_ : acceptingParent_[static_cast<std::size_t>(parentIndex)];
     }
 
 private:
     PacketRegistry();
     std::vector<const PacketClass*> classes_;
-    std::vector<std::optional<PacketClassSet>> allowedParents_;
+    std::vector<PacketClassSet> acceptingParent_;
+    PacketClassSet acceptingAnyParent_;
     PacketClassSet all_;
 };
 
