@@ -12,6 +12,11 @@ namespace wireloom {
 namespace {
 
 struct Registration {
+    // A constructor rather than aggregate initialisation through make_shared,
+    // which not every compiler the project builds with (clang 14) accepts.
+    Registration(const void* observer, const Object* sender, NotificationCenter::Callback callback)
+        : observer(observer), sender(sender), callback(std::move(callback)) {}
+
     const void* observer;
     const Object* sender;
     NotificationCenter::Callback callback;
