@@ -45,6 +45,7 @@ function(wireloom_add_test name)
   # Designated initializers that leave fields at their defaults are the
   # point of the frame builder's field structs.
   target_compile_options(${name} PRIVATE -Wno-missing-field-initializers)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
-    PROPERTIES ENVIRONMENT "WIRELOOM_SOURCE_DIR=${PROJECT_SOURCE_DIR};WIRELOOM_BINARY_DIR=${PROJECT_BINARY_DIR}")
+  # Test names carry their program's folder, so `ctest -R packets` works.
+  string(REGEX REPLACE "_tests$" "" folder ${name})
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 TEST_PREFIX "${folder}.")
 endfunction()

@@ -1,6 +1,7 @@
 // Replays every kept fuzz input (the seed corpus and each input that once
 // crashed a decoder) through the same entry point the fuzzer uses, so the
 // unit tests, and their sanitizer build, guard against regressions.
+#include "support/Paths.hpp"
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -14,10 +15,7 @@ int wireloomFuzz_packet_decode(const std::uint8_t* data, std::size_t size);
 
 namespace {
 
-std::filesystem::path fuzzDirectory() {
-    const char* source = std::getenv("WIRELOOM_SOURCE_DIR");
-    return std::filesystem::path(source ? source : ".") / "fuzz";
-}
+std::filesystem::path fuzzDirectory() { return wireloom::testing::sourceDir() / "fuzz"; }
 
 using FuzzTarget = int (*)(const std::uint8_t*, std::size_t);
 

@@ -1,6 +1,7 @@
 // The bundled samples: they are what the generator writes today, and every
 // frame of them, cut short at any length, still decodes into the layers that
 // fit.
+#include "support/Paths.hpp"
 #include "PacketTestSupport.hpp"
 
 #include <gtest/gtest.h>
@@ -25,9 +26,7 @@ constexpr Sample kSamples[] = {{"demo.pcap", DLT_EN10MB}, {"demo-loopback.pcap",
 class Samples : public ::testing::Test {
 protected:
     void SetUp() override {
-        const char* source = std::getenv("WIRELOOM_SOURCE_DIR");
-        if (!source) GTEST_SKIP() << "WIRELOOM_SOURCE_DIR is not set (ctest sets it)";
-        directory_ = std::string(source) + "/samples/";
+        directory_ = (sourceDir() / "samples").string() + "/";
     }
     std::string directory_;
 };
@@ -38,9 +37,8 @@ std::string contents(const std::string& path) {
 }
 
 TEST_F(Samples, CommittedFilesAreWhatTheGeneratorWrites) {
-    const char* build = std::getenv("WIRELOOM_BINARY_DIR");
-    const std::string generator = build ? std::string(build) + "/tools/wireloom-make-samples" : "";
-    if (generator.empty() || !std::ifstream(generator)) GTEST_SKIP() << "the sample generator is not built";
+    const std::string generator = (binaryDir() / "tools/wireloom-make-samples").string();
+    if (!std::ifstream(generator)) GTEST_SKIP() << "the sample generator is not built";
     const std::string fresh = ::testing::TempDir() + "fresh-samples";
     ASSERT_EQ(std::system(("mkdir -p '" + fresh + "' && '" + generator + "' '" + fresh + "' >/dev/null").c_str()), 0);
     for (const Sample& sample : kSamples)

@@ -3,6 +3,7 @@
 // addresses, ports, sequence numbers and payloads. The same captures must
 // also draw no warning from tshark, which checks the builders' checksums and
 // TCP arithmetic.
+#include "support/Paths.hpp"
 #include "PacketTestSupport.hpp"
 #include "support/TcpConversation.hpp"
 
@@ -214,9 +215,7 @@ protected:
     }
 
     static std::vector<std::string> samples() {
-        const char* source = std::getenv("WIRELOOM_SOURCE_DIR");
-        if (!source) return {};
-        return {std::string(source) + "/samples/demo.pcap", std::string(source) + "/samples/demo-loopback.pcap"};
+        return {(sourceDir() / "samples/demo.pcap").string(), (sourceDir() / "samples/demo-loopback.pcap").string()};
     }
 };
 
@@ -233,7 +232,6 @@ TEST_F(TsharkCrossCheck, BuiltLoopbackFrames) {
 }
 
 TEST_F(TsharkCrossCheck, BundledSamples) {
-    if (samples().empty()) GTEST_SKIP() << "WIRELOOM_SOURCE_DIR is not set (ctest sets it)";
     for (const std::string& path : samples()) {
         expectDecodedAsTsharkDecodes(path);
         expectNoTsharkWarnings(path);
