@@ -1,0 +1,119 @@
+// The wireloom command as a user runs it: exit statuses, messages, and the
+// output for the bundled samples compared with committed expected files
+// (tests/data/update-expected.sh writes them again after a deliberate change).
+#include "support/Paths.hpp"
+#include "support/FrameBuilder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+namespace fs = std::filesystem;
+using namespace wireloom::testing;
+
+namespace {
+
+struct CommandResult {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+std::string slurp(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+class ReadCommand : public ::testing::Test {
+protected:
+    void SetUp() override {
+        binary_ = binaryDir() / "cli" / "wireloom";
+        if (!fs::exists(binary_)) GTEST_SKIP() << "the wireloom command was not built";
+    }
+
+    CommandResult run(const std::string& arguments) {
+        // ctest runs tests as parallel processes: each gets its own file.
+        fs::path err = fs::path(::testing::TempDir()) / ("wireloom-stderr-" + std::to_string(getpid()) + ".txt");
+        std::string command = binary_.string() + " " + arguments + " 2>" + err.string();
+        CommandResult result;
+        std::FILE* pipe = popen(command.c_str(), "r");
+        std::array<char, 4096> chunk;
+        while (std::size_t n = std::fread(chunk.data(), 1, chunk.size(), pipe)) result.out.append(chunk.data(), n);
+        int status = pclose(pipe);
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        result.err = slurp(err);
+        return result;
+    }
+
+    fs::path binary_;
+};
+
+// Object addresses differ from run to run; everything else must not.
+std::string withoutAddresses(const std::string& text) {
+    static const std::regex address(": 0x[0-9a-f]+>");
+    return std::regex_replace(text, address, ": 0x?>");
+}
+
+std::size_t lineCount(const std::string& text) { return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')); }
+
+}  // namespace
+
+TEST_F(ReadCommand, WrongUsageExitsWithTwo) {
+    for (const char* arguments : {"", "read", "read a.pcap b.pcap", "read --format", "read x.pcap --format xml",
+                                  "read x.pcap --frobnicate", "frobnicate"}) {
+        CommandResult r = run(arguments);
+        EXPECT_EQ(r.status, 2) << arguments;
+        EXPECT_NE(r.err.find("usage: wireloom"), std::string::npos) << arguments;
+        EXPECT_TRUE(r.out.empty()) << arguments;
+    }
+}
+
+TEST_F(ReadCommand, FileThatIsNotACaptureIsOneLineAndExitOne) {
+    fs::path garbage = fs::path(::testing::TempDir()) / "not-a-capture.txt";
+    std::ofstream(garbage) << "hello, I am not a capture file\n";
+    CommandResult r = run("read " + garbage.string());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(lineCount(r.err), 1u);
+    EXPECT_EQ(r.err.rfind("wireloom: " + garbage.string() + ": ", 0), 0u) << r.err;
+
+    r = run("read " + (fs::path(::testing::TempDir()) / "does-not-exist.pcap").string());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(lineCount(r.err), 1u);
+}
+
+TEST_F(ReadCommand, TruncatedFilePrintsWholeFramesThenTheError) {
+    fs::path cut = fs::path(::testing::TempDir()) / ("cut-" + std::to_string(getpid()) + ".pcap");
+    Bytes frame = arpRequest(kMacA, ip4("10.0.0.1"), ip4("10.0.0.2"));
+    ASSERT_TRUE(writePcap(cut.string(), 1, {{1, frame, 0}, {2, frame, 0}, {3, frame, 0}}));
+    fs::resize_file(cut, fs::file_size(cut) - 7);
+    CommandResult r = run("read " + cut.string());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(lineCount(r.out), 2u);
+    EXPECT_EQ(r.out.rfind("1 1.000000 (Eth) MAC 02:00:5e:10:00:01 => ff:ff:ff:ff:ff:ff, proto 0x0806", 0), 0u) << r.out;
+    EXPECT_NE(r.err.find("truncated"), std::string::npos) << r.err;
+}
+
+TEST_F(ReadCommand, SamplesMatchTheirExpectedOutput) {
+    for (const char* sample : {"demo", "demo-loopback"}) {
+        fs::path capture = sourceDir() / "samples" / (std::string(sample) + ".pcap");
+        CommandResult oneline = run("read " + capture.string());
+        ASSERT_EQ(oneline.status, 0) << oneline.err;
+        EXPECT_EQ(withoutAddresses(oneline.out), slurp(sourceDir() / "tests" / "data" / (std::string(sample) + "-oneline.txt")))
+            << sample;
+        CommandResult summary = run("read " + capture.string() + " --format none");
+        ASSERT_EQ(summary.status, 0) << summary.err;
+        EXPECT_EQ(summary.out, slurp(sourceDir() / "tests" / "data" / (std::string(sample) + "-summary.txt"))) << sample;
+    }
+}

@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Writes the expected outputs of the command-line tests again, from a build
+# in build/ (or the directory given). Review the diff before committing it.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+build=${1:-build}
+for sample in demo demo-loopback; do
+  "$build"/cli/wireloom read samples/$sample.pcap | sed -E 's/: 0x[0-9a-f]+>/: 0x?>/g' > tests/data/$sample-oneline.txt
+  "$build"/cli/wireloom read samples/$sample.pcap --format none > tests/data/$sample-summary.txt
+done
