@@ -39,20 +39,11 @@ std::shared_ptr<const std::uint8_t> ByteBuffer::owningStorage() const noexcept {
 }
 
 ByteBuffer ByteBuffer::subrange(std::size_t offset, std::size_t length) const {
-    WL_ASSERT(offset <= size_ && length <= size_ - offset, "ByteBuffer subrange out of range");
+    checkRange(offset, length);
     if (length == 0) return {};
     const std::uint8_t* start = storage_.get() + offset;
     if (lender_) return ByteBuffer(std::shared_ptr<const std::uint8_t>(lender_->owningStorage(), start), length);
     return ByteBuffer(std::shared_ptr<const std::uint8_t>(storage_, start), length);
-}
-
-ByteBuffer ByteBuffer::borrowedView(std::size_t offset, std::size_t length) const {
-    WL_ASSERT(offset <= size_ && length <= size_ - offset, "ByteBuffer subrange out of range");
-    if (length == 0) return {};
-    // An aliasing pointer with no owner: copying it touches no reference
-    // count. Returned as a prvalue, so it reaches the caller still borrowed.
-    return ByteBuffer(std::shared_ptr<const std::uint8_t>(std::shared_ptr<const void>(), storage_.get() + offset),
-                      length, lender_ ? lender_ : this);
 }
 
 bool operator==(const ByteBuffer& a, const ByteBuffer& b) noexcept {

@@ -9,6 +9,8 @@
 // The member functions in the second group are the PXRV utilities that the
 // whole library shares (digests, base64, hex, printable text).
 
+#include <Wireloom/core/Assert.hpp>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -40,6 +42,11 @@ public:
     static ByteBuffer copy(const void* bytes, std::size_t length);
     static ByteBuffer copy(std::span<const std::uint8_t> bytes) { return copy(bytes.data(), bytes.size()); }
     static ByteBuffer fromString(std::string_view text) { return copy(text.data(), text.size()); }
+    // Wraps bytes whose lifetime a shared owner already manages (an aliasing
+    // shared_ptr pointing at the first byte).
+    static ByteBuffer withSharedStorage(std::shared_ptr<const std::uint8_t> storage, std::size_t length) noexcept {
+        return length ? ByteBuffer(std::move(storage), length) : ByteBuffer();
+    }
 
     // Never null, even when empty, so it can be handed to memcpy and friends.
     const std::uint8_t* data() const noexcept;
@@ -60,7 +67,14 @@ public:
     // for hot loops that hand out many short-lived views (the decode chain
     // gives one to every layer). The view must not outlive this buffer; any
     // copy, move or sub-range of it owns its bytes like an ordinary buffer.
-    ByteBuffer borrowedView(std::size_t offset, std::size_t length) const;
+    ByteBuffer borrowedView(std::size_t offset, std::size_t length) const {
+        checkRange(offset, length);
+        if (length == 0) return {};
+        // An aliasing pointer with no owner: copying it touches no reference
+        // count. Returned as a prvalue, so it reaches the caller still borrowed.
+        return ByteBuffer(std::shared_ptr<const std::uint8_t>(std::shared_ptr<const void>(), storage_.get() + offset),
+                          length, lender_ ? lender_ : this);
+    }
 
     // True when both share storage and range (not merely equal bytes).
     bool isSameBuffer(const ByteBuffer& other) const noexcept {
@@ -86,6 +100,9 @@ private:
     ByteBuffer(std::shared_ptr<const std::uint8_t> storage, std::size_t size,
                const ByteBuffer* lender = nullptr) noexcept
         : storage_(std::move(storage)), size_(size), lender_(lender) {}
+    void checkRange(std::size_t offset, std::size_t length) const noexcept {
+        WL_ASSERT(offset <= size_ && length <= size_ - offset, "ByteBuffer subrange out of range");
+    }
     // The storage of this range that owns its share of the block.
     std::shared_ptr<const std::uint8_t> owningStorage() const noexcept;
     void assignFrom(const ByteBuffer& other) noexcept {

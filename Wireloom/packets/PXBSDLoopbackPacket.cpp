@@ -12,11 +12,9 @@ constexpr std::uint32_t kFamilyIPv4 = 2;
 constexpr std::uint32_t kFamilyIPv6 = 30;
 }  // namespace
 
-const PacketClass& PXBSDLoopbackPacket::staticClass() {
-    static const PacketClass cls("PXBSDLoopbackPacket", &PXPacket::staticClass(),
-                                 &PXBSDLoopbackPacket::packetFromData, &PXBSDLoopbackPacket::allowedParentProtocols);
-    return cls;
-}
+constinit PacketClass PXBSDLoopbackPacket::kClass("PXBSDLoopbackPacket", &PXPacket::staticClass(),
+                                 &PXBSDLoopbackPacket::packetFromData, &PXBSDLoopbackPacket::allowedParentProtocols,
+                                     detail::kPXBSDLoopbackPacketIndex);
 
 std::string PXBSDLoopbackPacket::payloadTypeName() const {
     switch (payloadType_) {
@@ -31,11 +29,9 @@ std::optional<PacketClassSet> PXBSDLoopbackPacket::allowedParentProtocols() {
 }
 
 std::optional<PacketClassSet> PXBSDLoopbackPacket::restrictedChildProtocols() const {
-    static const PacketClassSet ipv4{&PXIPv4Packet::staticClass()};
-    static const PacketClassSet ipv6{&PXIPv6Packet::staticClass()};
     switch (payloadType_) {
-    case kFamilyIPv4: return ipv4;
-    case kFamilyIPv6: return ipv6;
+    case kFamilyIPv4: return PacketClassSet::ofBuiltIns(detail::kPXIPv4PacketIndex);
+    case kFamilyIPv6: return PacketClassSet::ofBuiltIns(detail::kPXIPv6PacketIndex);
     default: return PacketClassSet{};
     }
 }
@@ -44,7 +40,7 @@ PXPacketPtr PXBSDLoopbackPacket::packetFromData(const ByteBuffer& data, const PX
     detail::ByteReader r(data.span());
     std::uint32_t family = r.readHost<std::uint32_t>();
     if (!r) return nullptr;
-    auto packet = std::make_shared<PXBSDLoopbackPacket>();
+    auto packet = newPacket<PXBSDLoopbackPacket>();
     packet->payloadType_ = family;
     *consumed = 4;
     return packet;

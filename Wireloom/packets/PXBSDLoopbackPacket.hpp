@@ -10,7 +10,7 @@ namespace wireloom {
 
 class PXBSDLoopbackPacket : public PXPacket {
 public:
-    static const PacketClass& staticClass();
+    static constexpr const PacketClass& staticClass() noexcept { return kClass; }
     const PacketClass& packetClass() const override { return staticClass(); }
 
     std::uint32_t payloadType() const noexcept { return payloadType_; }  // address family
@@ -25,6 +25,7 @@ public:
     std::string name() const override { return "Loopback Packet"; }
 
 private:
+    static PacketClass kClass;
     std::uint32_t payloadType_ = 0;
     std::uint32_t packetType_ = 0;
 };

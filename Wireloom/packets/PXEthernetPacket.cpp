@@ -12,11 +12,9 @@ constexpr std::uint16_t kEtherTypeARP = 0x0806;
 constexpr std::uint16_t kEtherTypeIPv6 = 0x86DD;
 }  // namespace
 
-const PacketClass& PXEthernetPacket::staticClass() {
-    static const PacketClass cls("PXEthernetPacket", &PXPacket::staticClass(), &PXEthernetPacket::packetFromData,
-                                 &PXEthernetPacket::allowedParentProtocols);
-    return cls;
-}
+constinit PacketClass PXEthernetPacket::kClass("PXEthernetPacket", &PXPacket::staticClass(), &PXEthernetPacket::packetFromData,
+                                 &PXEthernetPacket::allowedParentProtocols,
+                                     detail::kPXEthernetPacketIndex);
 
 std::string PXEthernetPacket::stringFromMACAddress(const std::uint8_t* a) {
     static constexpr char kHex[] = "0123456789abcdef";
@@ -42,11 +40,9 @@ std::optional<PacketClassSet> PXEthernetPacket::allowedParentProtocols() {
 }
 
 std::optional<PacketClassSet> PXEthernetPacket::restrictedChildProtocols() const {
-    static const PacketClassSet ipv4{&PXIPv4Packet::staticClass()};
-    static const PacketClassSet ipv6{&PXIPv6Packet::staticClass()};
     switch (payloadType_) {
-    case kEtherTypeIPv4: return ipv4;
-    case kEtherTypeIPv6: return ipv6;
+    case kEtherTypeIPv4: return PacketClassSet::ofBuiltIns(detail::kPXIPv4PacketIndex);
+    case kEtherTypeIPv6: return PacketClassSet::ofBuiltIns(detail::kPXIPv6PacketIndex);
     default: return PacketClassSet{};
     }
 }
@@ -54,7 +50,7 @@ std::optional<PacketClassSet> PXEthernetPacket::restrictedChildProtocols() const
 PXPacketPtr PXEthernetPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
     detail::ByteReader r(data.span());
     if (!r.has(14)) return nullptr;
-    auto packet = std::make_shared<PXEthernetPacket>();
+    auto packet = newPacket<PXEthernetPacket>();
     r.readInto(packet->macDest_.data(), 6);
     r.readInto(packet->macSource_.data(), 6);
     packet->payloadType_ = r.readBE<std::uint16_t>();

@@ -11,7 +11,7 @@ namespace wireloom {
 
 class PXEthernetPacket : public PXPacket {
 public:
-    static const PacketClass& staticClass();
+    static constexpr const PacketClass& staticClass() noexcept { return kClass; }
     const PacketClass& packetClass() const override { return staticClass(); }
 
     std::uint16_t payloadType() const noexcept { return payloadType_; }  // EtherType
@@ -32,6 +32,7 @@ public:
     std::string description() const override;
 
 private:
+    static PacketClass kClass;
     std::array<std::uint8_t, 6> macSource_{};
     std::array<std::uint8_t, 6> macDest_{};
     std::uint16_t payloadType_ = 0;

@@ -5,11 +5,9 @@
 
 namespace wireloom {
 
-const PacketClass& PXIPv4Packet::staticClass() {
-    static const PacketClass cls("PXIPv4Packet", &PXPacket::staticClass(), &PXIPv4Packet::packetFromData,
-                                 &PXIPv4Packet::allowedParentProtocols);
-    return cls;
-}
+constinit PacketClass PXIPv4Packet::kClass("PXIPv4Packet", &PXPacket::staticClass(), &PXIPv4Packet::packetFromData,
+                                 &PXIPv4Packet::allowedParentProtocols,
+                                     detail::kPXIPv4PacketIndex);
 
 std::string PXIPv4Packet::stringFromIPv4Address(const std::uint8_t* a) {
     return detail::stringWithFormat("%u.%u.%u.%u", a[0], a[1], a[2], a[3]);
@@ -33,7 +31,7 @@ PXPacketPtr PXIPv4Packet::packetFromData(const ByteBuffer& data, const PXPacketP
     const std::uint32_t headerBytes = (versionAndIHL & 0x0f) * 4u;
     const std::uint32_t totalLength = r.peekBEAt<std::uint16_t>(2);
 
-    auto packet = std::make_shared<PXIPv4Packet>();
+    auto packet = newPacket<PXIPv4Packet>();
     packet->protocol_ = r.peekBEAt<std::uint8_t>(9);
     if (totalLength >= headerBytes) {
         packet->payloadSize_ = totalLength - headerBytes;

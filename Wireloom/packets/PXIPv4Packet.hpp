@@ -11,7 +11,7 @@ namespace wireloom {
 
 class PXIPv4Packet : public PXPacket {
 public:
-    static const PacketClass& staticClass();
+    static constexpr const PacketClass& staticClass() noexcept { return kClass; }
     const PacketClass& packetClass() const override { return staticClass(); }
 
     std::uint32_t payloadSize() const noexcept { return payloadSize_; }
@@ -35,6 +35,7 @@ public:
     std::optional<std::uint32_t> layerPayloadSize() const noexcept override { return payloadSize_; }
 
 private:
+    static PacketClass kClass;
     std::uint32_t payloadSize_ = 0;
     std::uint32_t headerSize_ = 0;
     std::uint8_t protocol_ = 0;

@@ -34,11 +34,9 @@ std::optional<ExtensionStep> extensionStep(std::uint8_t type, std::uint8_t lengt
 
 }  // namespace
 
-const PacketClass& PXIPv6Packet::staticClass() {
-    static const PacketClass cls("PXIPv6Packet", &PXPacket::staticClass(), &PXIPv6Packet::packetFromData,
-                                 &PXIPv6Packet::allowedParentProtocols);
-    return cls;
-}
+constinit PacketClass PXIPv6Packet::kClass("PXIPv6Packet", &PXPacket::staticClass(), &PXIPv6Packet::packetFromData,
+                                 &PXIPv6Packet::allowedParentProtocols,
+                                     detail::kPXIPv6PacketIndex);
 
 std::string PXIPv6Packet::stringFromIPv6Address(const std::uint8_t* a) {
     std::string text;
@@ -89,7 +87,7 @@ PXPacketPtr PXIPv6Packet::packetFromData(const ByteBuffer& data, const PXPacketP
     }
     if (offset > length || offset > payloadLength + 40) return nullptr;
 
-    auto packet = std::make_shared<PXIPv6Packet>();
+    auto packet = newPacket<PXIPv6Packet>();
     packet->protocol_ = type;
     packet->payloadSize_ = payloadLength + 40 - offset;
     r.seek(8);

@@ -16,10 +16,17 @@ using detail::PacketRegistry;
 
 namespace {
 
-void link(const PXPacketPtr& parent, const PXPacketPtr& child) {
-    child->setEncapsulatingPacket(parent);
-    parent->setEncapsulatedPacket(child);
+// Links child below current and makes it current; the reference current
+// held moves into the child rather than being copied.
+void descend(PXPacketPtr& current, PXPacketPtr&& child) {
+    current->setEncapsulatedPacket(child);
+    child->setEncapsulatingPacket(std::move(current));
+    current = std::move(child);
 }
+
+// An empty owner whose reference-count block, in the frame's arena, keeps
+// the captured bytes alive for as long as any buffer points into them.
+struct FrameBytesOwner {};
 
 template <class T>
 void put(std::uint8_t*& out, T value) {
@@ -40,10 +47,8 @@ std::int64_t floorSeconds(double timestamp) {
 PXPacket::PXPacket(const pcap_pkthdr& header)
     : timestamp_(static_cast<double>(header.ts.tv_sec) + static_cast<double>(header.ts.tv_usec) / 1000000.0) {}
 
-const PacketClass& PXPacket::staticClass() {
-    static const PacketClass cls("PXPacket", nullptr, &PXPacket::packetFromData, &PXPacket::allowedParentProtocols);
-    return cls;
-}
+constinit PacketClass PXPacket::kClass("PXPacket", nullptr, &PXPacket::packetFromData, &PXPacket::allowedParentProtocols,
+                                     detail::kPXPacketIndex);
 
 double PXPacket::timestamp() const noexcept {
     return encapsulatingPacket_ ? encapsulatingPacket_->timestamp() : timestamp_;
@@ -69,14 +74,21 @@ const PacketClass* PXPacket::packetClassNamed(std::string_view name) {
 
 PXPacketPtr PXPacket::packetWithHeader(const pcap_pkthdr& header, const std::uint8_t* data, int linkLayerType) {
     const PacketRegistry& registry = PacketRegistry::shared();
-    auto root = std::make_shared<PXPacket>(header);
-    // The layers decode from the root's copy, so their payloads can be
-    // sub-ranges of that one copy rather than copies of their own.
-    root->rawData_ = ByteBuffer::copy(data, header.caplen);
+    // One block for the frame: its bytes, then every layer decoded from them.
+    // The layers decode from this copy, so their payloads are sub-ranges of
+    // it rather than copies of their own.
+    detail::FrameArena* arena = detail::FrameArena::create(header.caplen);
+    if (header.caplen) std::memcpy(arena->frameData(), data, header.caplen);
+    detail::FrameArenaScope scope(arena);
+
+    auto owner = std::allocate_shared<FrameBytesOwner>(detail::FrameArenaAllocator<FrameBytesOwner>(arena));
+    auto root = std::allocate_shared<PXPacket>(detail::FrameArenaAllocator<PXPacket>(arena), header);
+    root->rawData_ = ByteBuffer::withSharedStorage(
+        std::shared_ptr<const std::uint8_t>(std::move(owner), arena->frameData()), header.caplen);
     root->lengthOnWire_ = header.len;
 
-    PXPacketPtr current = root;
     const ByteBuffer& frame = root->rawData_;
+    PXPacketPtr current = std::move(root);
     std::size_t offset = 0;
     for (int depth = 0; depth < kMaxDecodeDepth; ++depth) {
         PacketClassSet candidates = registry.classesAcceptingParent(current->packetClass().registryIndex());
@@ -94,8 +106,7 @@ PXPacketPtr PXPacket::packetWithHeader(const pcap_pkthdr& header, const std::uin
             if (child) break;
         }
         if (!child) break;
-        link(current, child);
-        current = std::move(child);
+        descend(current, std::move(child));
         if (consumed >= remaining.size()) break;
         offset += consumed;
     }
@@ -114,21 +125,22 @@ PXPacketPtr PXPacket::packetWithRawData(const ByteBuffer& data, std::span<const 
         }
     }
 
-    auto root = std::make_shared<PXPacket>();
+    detail::FrameArena* arena = detail::FrameArena::create(0);
+    detail::FrameArenaScope scope(arena);
+    auto root = std::allocate_shared<PXPacket>(detail::FrameArenaAllocator<PXPacket>(arena));
     root->timestamp_ = timestamp;
     root->rawData_ = data;
     root->lengthOnWire_ = lengthOnWire;
 
-    PXPacketPtr current = root;
     const ByteBuffer& frame = root->rawData_;
+    PXPacketPtr current = std::move(root);
     std::size_t offset = 0;
     for (auto it = classes.rbegin(); it != classes.rend(); ++it) {
         const ByteBuffer remaining = frame.borrowedView(offset, frame.size() - offset);
         std::uint32_t consumed = 0;
         PXPacketPtr child = (*it)->decode(remaining, current, &consumed);
         if (!child) break;
-        link(current, child);
-        current = std::move(child);
+        descend(current, std::move(child));
         if (consumed >= remaining.size()) break;
         offset += consumed;
     }
@@ -159,10 +171,8 @@ int PXPacket::linkLayerType() const {
 
 std::optional<PacketClassSet> PXPacket::restrictedChildProtocolsWithLinkLayerType(int linkLayerType) const {
     if (&packetClass() != &staticClass()) return restrictedChildProtocols();
-    static const PacketClassSet loopback{&PXBSDLoopbackPacket::staticClass()};
-    static const PacketClassSet ethernet{&PXEthernetPacket::staticClass()};
-    if (linkLayerType == DLT_NULL) return loopback;
-    if (linkLayerType == DLT_EN10MB) return ethernet;
+    if (linkLayerType == DLT_NULL) return PacketClassSet::ofBuiltIns(detail::kPXBSDLoopbackPacketIndex);
+    if (linkLayerType == DLT_EN10MB) return PacketClassSet::ofBuiltIns(detail::kPXEthernetPacketIndex);
     return std::nullopt;
 }
 

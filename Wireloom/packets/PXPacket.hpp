@@ -18,6 +18,7 @@
 #include <Wireloom/core/ByteBuffer.hpp>
 #include <Wireloom/core/Object.hpp>
 #include <Wireloom/packets/PacketClass.hpp>
+#include <Wireloom/packets/detail/FrameArena.hpp>
 
 #include <cstdint>
 #include <initializer_list>
@@ -44,7 +45,7 @@ public:
     // microseconds); sets nothing else.
     explicit PXPacket(const pcap_pkthdr& header);
 
-    static const PacketClass& staticClass();
+    static constexpr const PacketClass& staticClass() noexcept { return kClass; }
     virtual const PacketClass& packetClass() const { return staticClass(); }
     std::string className() const override { return std::string(packetClass().name()); }
 
@@ -74,6 +75,15 @@ public:
     // A plain packet recognises no bytes.
     static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
     virtual std::string name() const { return "Generic Packet"; }
+
+    // Decoders create their packets with this: while a frame is decoded, the
+    // packet lands in the frame's one heap block with the captured bytes.
+    template <class T>
+    static std::shared_ptr<T> newPacket() {
+        if (detail::FrameArena* arena = detail::tCurrentFrameArena)
+            return std::allocate_shared<T>(detail::FrameArenaAllocator<T>(arena));
+        return std::make_shared<T>();
+    }
     std::string description() const override { return genericDescription(); }
 
     // The payload size of layers that have one (IP, TCP, UDP); nothing for
@@ -134,6 +144,8 @@ public:
     ByteBuffer pcapFileEntry() const;
 
 private:
+    static PacketClass kClass;
+
     double timestamp_ = 0;
     ByteBuffer rawData_;
     PXPacketPtr encapsulatingPacket_;

@@ -4,11 +4,9 @@
 
 namespace wireloom {
 
-const PacketClass& PXRTPPacket::staticClass() {
-    static const PacketClass cls("PXRTPPacket", &PXPacket::staticClass(), &PXRTPPacket::packetFromData,
-                                 &PXRTPPacket::allowedParentProtocols);
-    return cls;
-}
+constinit PacketClass PXRTPPacket::kClass("PXRTPPacket", &PXPacket::staticClass(), &PXRTPPacket::packetFromData,
+                                 &PXRTPPacket::allowedParentProtocols,
+                                     detail::kPXRTPPacketIndex);
 
 PXPacketPtr PXRTPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
     if (data.size() < 12 || !parent) return nullptr;
@@ -19,7 +17,7 @@ PXPacketPtr PXRTPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
     detail::ByteReader r(data.span());
     if ((r.readByte() & 0xc0) != 0x80) return nullptr;  // version 2
     r.skip(1);
-    auto packet = std::make_shared<PXRTPPacket>();
+    auto packet = newPacket<PXRTPPacket>();
     packet->sequenceNumber_ = r.readBE<std::uint16_t>();
     packet->rtpTimestamp_ = r.readBE<std::uint32_t>();
     packet->ssrcIdentifier_ = r.readBE<std::uint32_t>();

@@ -16,7 +16,7 @@ namespace wireloom {
 
 class PXRTPPacket : public PXPacket {
 public:
-    static const PacketClass& staticClass();
+    static constexpr const PacketClass& staticClass() noexcept { return kClass; }
     const PacketClass& packetClass() const override { return staticClass(); }
 
     std::uint16_t sequenceNumber() const noexcept { return sequenceNumber_; }
@@ -37,6 +37,7 @@ public:
     const ByteBuffer* layerPayload() const noexcept override { return &payload_; }
 
 private:
+    static PacketClass kClass;
     ByteBuffer payload_;
     std::uint32_t rtpTimestamp_ = 0;
     std::uint32_t ssrcIdentifier_ = 0;

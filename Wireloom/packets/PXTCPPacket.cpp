@@ -6,11 +6,9 @@
 
 namespace wireloom {
 
-const PacketClass& PXTCPPacket::staticClass() {
-    static const PacketClass cls("PXTCPPacket", &PXPacket::staticClass(), &PXTCPPacket::packetFromData,
-                                 &PXTCPPacket::allowedParentProtocols);
-    return cls;
-}
+constinit PacketClass PXTCPPacket::kClass("PXTCPPacket", &PXPacket::staticClass(), &PXTCPPacket::packetFromData,
+                                 &PXTCPPacket::allowedParentProtocols,
+                                     detail::kPXTCPPacketIndex);
 
 std::optional<PacketClassSet> PXTCPPacket::allowedParentProtocols() {
     return PacketClassSet{&PXIPv4Packet::staticClass(), &PXIPv6Packet::staticClass()};
@@ -22,7 +20,7 @@ PXPacketPtr PXTCPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
     if (!parentPayloadSize) return nullptr;
 
     detail::ByteReader r(data.span());
-    auto packet = std::make_shared<PXTCPPacket>();
+    auto packet = newPacket<PXTCPPacket>();
     packet->sourcePort_ = r.readBE<std::uint16_t>();
     packet->destPort_ = r.readBE<std::uint16_t>();
     packet->seqNumber_ = r.readBE<std::uint32_t>();

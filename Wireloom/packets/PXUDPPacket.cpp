@@ -10,11 +10,9 @@ namespace {
 constexpr std::uint16_t kMDNSPort = 5353;
 }
 
-const PacketClass& PXUDPPacket::staticClass() {
-    static const PacketClass cls("PXUDPPacket", &PXPacket::staticClass(), &PXUDPPacket::packetFromData,
-                                 &PXUDPPacket::allowedParentProtocols);
-    return cls;
-}
+constinit PacketClass PXUDPPacket::kClass("PXUDPPacket", &PXPacket::staticClass(), &PXUDPPacket::packetFromData,
+                                 &PXUDPPacket::allowedParentProtocols,
+                                     detail::kPXUDPPacketIndex);
 
 std::optional<PacketClassSet> PXUDPPacket::allowedParentProtocols() {
     return PacketClassSet{&PXIPv4Packet::staticClass(), &PXIPv6Packet::staticClass()};
@@ -31,7 +29,7 @@ std::optional<PacketClassSet> PXUDPPacket::restrictedChildProtocols() const {
 PXPacketPtr PXUDPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
     detail::ByteReader r(data.span());
     if (!r.has(8)) return nullptr;
-    auto packet = std::make_shared<PXUDPPacket>();
+    auto packet = newPacket<PXUDPPacket>();
     packet->sourcePort_ = r.readBE<std::uint16_t>();
     packet->destPort_ = r.readBE<std::uint16_t>();
     const std::uint32_t udpLength = r.readBE<std::uint16_t>();

@@ -10,7 +10,7 @@ namespace wireloom {
 
 class PXUDPPacket : public PXPacket {
 public:
-    static const PacketClass& staticClass();
+    static constexpr const PacketClass& staticClass() noexcept { return kClass; }
     const PacketClass& packetClass() const override { return staticClass(); }
 
     std::uint32_t payloadSize() const noexcept { return payloadSize_; }
@@ -31,6 +31,7 @@ public:
     const ByteBuffer* layerPayload() const noexcept override { return &payload_; }
 
 private:
+    static PacketClass kClass;
     ByteBuffer payload_;
     std::uint32_t payloadSize_ = 0;
     std::uint16_t sourcePort_ = 0;

@@ -29,8 +29,5 @@ bool PacketClassSet::contains(const PacketClass& cls) const noexcept {
     return index >= 0 && (bits_ >> index & 1) != 0;
 }
 
-const PacketClass& PacketClassSet::iterator::operator*() const noexcept {
-    return PacketRegistry::shared().classAt(std::countr_zero(bits_));
-}
 
 }  // namespace wireloom

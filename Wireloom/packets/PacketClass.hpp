@@ -24,9 +24,27 @@
 namespace wireloom {
 
 class PXPacket;
+class PacketClass;
 class PacketClassSet;
 namespace detail {
 class PacketRegistry;
+inline constexpr int kMaxPacketClasses = 64;
+// The classes that ship with the library always take the first registry
+// positions, in this order, so the sets the decode chain consults for every
+// layer can be constants.
+enum BuiltInPacketClass : int {
+    kPXPacketIndex,
+    kPXEthernetPacketIndex,
+    kPXBSDLoopbackPacketIndex,
+    kPXIPv4PacketIndex,
+    kPXIPv6PacketIndex,
+    kPXTCPPacketIndex,
+    kPXUDPPacketIndex,
+    kPXRTPPacketIndex,
+    kBuiltInPacketClassCount
+};
+// The registered classes by index, filled once when the registry is built.
+inline const PacketClass* gRegisteredPacketClasses[kMaxPacketClasses] = {};
 }
 using PXPacketPtr = std::shared_ptr<PXPacket>;
 
@@ -42,6 +60,10 @@ public:
     constexpr PacketClass(std::string_view name, const PacketClass* base, Decoder decoder,
                           AllowedParents allowedParents) noexcept
         : name_(name), base_(base), decoder_(decoder), allowedParents_(allowedParents) {}
+    // For the built-in classes, whose registry positions are fixed.
+    constexpr PacketClass(std::string_view name, const PacketClass* base, Decoder decoder,
+                          AllowedParents allowedParents, detail::BuiltInPacketClass index) noexcept
+        : index_(index), name_(name), base_(base), decoder_(decoder), allowedParents_(allowedParents) {}
     PacketClass(const PacketClass&) = delete;
     PacketClass& operator=(const PacketClass&) = delete;
 
@@ -79,9 +101,19 @@ private:
 
 class PacketClassSet {
 public:
-    static constexpr int kCapacity = 64;
+    static constexpr int kCapacity = detail::kMaxPacketClasses;
 
     constexpr PacketClassSet() noexcept = default;
+    // The set whose members are the classes at the set bits' registry indices.
+    static constexpr PacketClassSet fromMask(std::uint64_t mask) noexcept {
+        PacketClassSet set;
+        set.bits_ = mask;
+        return set;
+    }
+    template <class... Index>
+    static constexpr PacketClassSet ofBuiltIns(Index... index) noexcept {
+        return fromMask(((std::uint64_t{1} << index) | ... | 0));
+    }
     // Classes that are not registered are left out: a set names only classes
     // the decode chain can reach.
     PacketClassSet(std::initializer_list<const PacketClass*> classes) noexcept;
@@ -100,7 +132,9 @@ public:
     class iterator {
     public:
         explicit iterator(std::uint64_t bits) noexcept : bits_(bits) {}
-        const PacketClass& operator*() const noexcept;
+        const PacketClass& operator*() const noexcept {
+            return *detail::gRegisteredPacketClasses[std::countr_zero(bits_)];
+        }
         iterator& operator++() noexcept {
             bits_ &= bits_ - 1;
             return *this;

@@ -10,6 +10,7 @@
 //
 // Fields come out with shifts, never by casting structs over the wire bytes.
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -56,9 +57,10 @@ public:
     T peekBEAt(std::size_t at) noexcept {
         static_assert(std::is_unsigned_v<T>);
         if (at > size_ || sizeof(T) > size_ - at) return fail<T>();
-        T value = 0;
-        for (std::size_t i = 0; i < sizeof(T); ++i) value = static_cast<T>((value << 8) | data_[at + i]);
-        return value;
+        // One load and a byte swap: the bytes are copied, never cast in place.
+        T value;
+        std::memcpy(&value, data_ + at, sizeof value);
+        return fromBigEndian(value);
     }
 
     // Pointer to n bytes at the cursor (advancing past them), or null.
@@ -84,6 +86,14 @@ public:
     }
 
 private:
+    template <class T>
+    static T fromBigEndian(T value) noexcept {
+        if constexpr (std::endian::native == std::endian::big || sizeof(T) == 1) return value;
+        else if constexpr (sizeof(T) == 2) return static_cast<T>(__builtin_bswap16(value));
+        else if constexpr (sizeof(T) == 4) return static_cast<T>(__builtin_bswap32(value));
+        else return static_cast<T>(__builtin_bswap64(value));
+    }
+
     template <class T>
     T fail() noexcept {
         ok_ = false;

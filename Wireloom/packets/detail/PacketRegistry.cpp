@@ -47,11 +47,13 @@ PacketRegistry::PacketRegistry() {
     // not one of the packet classes: it is only ever the root.
     list.insert(list.begin(), &PXPacket::staticClass());
     for (const PacketClass* cls : list) {
-        if (cls->index_.load(std::memory_order_relaxed) >= 0) continue;
         WL_ASSERT(classes_.size() < static_cast<std::size_t>(PacketClassSet::kCapacity), "Too many packet classes");
         const int index = static_cast<int>(classes_.size());
+        const int fixed = cls->index_.load(std::memory_order_relaxed);
+        WL_ASSERT(fixed < 0 || fixed == index, "Built-in packet classes must keep their registry positions");
         cls->index_.store(index, std::memory_order_release);
         classes_.push_back(cls);
+        gRegisteredPacketClasses[index] = cls;
         if (cls != &PXPacket::staticClass()) all_.bits_ |= std::uint64_t{1} << index;
     }
 
