@@ -80,9 +80,9 @@ public:
         if (void* p = arena_->allocate(n * sizeof(T), alignof(T))) return static_cast<T*>(p);
         return static_cast<T*>(::operator new(n * sizeof(T)));
     }
-    void deallocate(T* p, std::size_t n) noexcept {
+    void deallocate(T* p, std::size_t) noexcept {
         if (arena_->owns(p)) arena_->release();
-        else ::operator delete(p, n * sizeof(T));
+        else ::operator delete(p);  // unsized: clang does not enable sized deallocation by default
     }
     FrameArena* arena() const noexcept { return arena_; }
     friend bool operator==(const FrameArenaAllocator& a, const FrameArenaAllocator& b) noexcept {

@@ -1,0 +1,54 @@
+// The assertion macro, the log's test sink, and the user-info value type.
+#include <Wireloom/core/Assert.hpp>
+#include <Wireloom/core/Log.hpp>
+#include <Wireloom/core/Value.hpp>
+
+#include <gtest/gtest.h>
+
+using namespace wireloom;
+
+namespace {
+class Flow : public Object {};
+class Capture : public Object {};
+}  // namespace
+
+TEST(AssertDeathTest, PrintsTheQuotedTextAndAborts) {
+    EXPECT_DEATH(WL_ASSERT(1 + 1 == 3, "Arithmetic is broken"), "Arithmetic is broken");
+    WL_ASSERT(true, "never printed");  // a holding invariant costs nothing visible
+}
+
+TEST(Log, SinkSeesEveryLevelFormatted) {
+    std::vector<std::pair<Log::Level, std::string>> seen;
+    Log::setSink([&](Log::Level level, const std::string& text) { seen.emplace_back(level, text); });
+    Log::error("Error: %s %d", "code", 7);
+    Log::debug("%s", std::string(600, 'x').c_str());  // longer than the stack buffer
+    Log::setSink(nullptr);
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0], std::make_pair(Log::Level::Error, std::string("Error: code 7")));
+    EXPECT_EQ(seen[1].second.size(), 600u);
+}
+
+TEST(Value, HoldsEachKindAndAnswersNothingForOthers) {
+    auto flow = std::make_shared<Flow>();
+    UserInfo info{{"flow", flow}, {"reason", "Timeout"}, {"count", 3}, {"chunk", ByteBuffer::fromString("ab")},
+                  {"done", true}, {"ratio", 0.5}, {"none", Value()}};
+    EXPECT_EQ(info.at("flow").object<Flow>(), flow);
+    EXPECT_FALSE(info.at("flow").object<Capture>());  // a different class is not a match
+    EXPECT_EQ(info.at("flow").object(), flow);
+    EXPECT_EQ(*info.at("reason").string(), "Timeout");
+    EXPECT_FALSE(info.at("reason").integer());
+    EXPECT_EQ(*info.at("count").integer(), 3);
+    EXPECT_EQ(info.at("chunk").bytes()->stringView(), "ab");
+    EXPECT_TRUE(*info.at("done").boolean());
+    EXPECT_DOUBLE_EQ(*info.at("ratio").number(), 0.5);
+    EXPECT_TRUE(info.at("none").isNull());
+    EXPECT_FALSE(info.at("none").object());
+}
+
+TEST(Object, GenericDescriptionNamesTheClassAndAddress) {
+    Flow flow;
+    char expected[64];
+    std::snprintf(expected, sizeof expected, "<Flow: %p>", static_cast<void*>(&flow));
+    EXPECT_EQ(flow.description(), expected);
+    EXPECT_EQ(flow.className(), "Flow");
+}
