@@ -1,7 +1,11 @@
 #include <Wireloom/core/Log.hpp>
 #include <Wireloom/packets/PXBSDLoopbackPacket.hpp>
 #include <Wireloom/packets/PXEthernetPacket.hpp>
+#include <Wireloom/packets/PXIPv4Packet.hpp>
+#include <Wireloom/packets/PXIPv6Packet.hpp>
 #include <Wireloom/packets/PXPacket.hpp>
+#include <Wireloom/packets/PXTCPPacket.hpp>
+#include <Wireloom/packets/PXUDPPacket.hpp>
 #include <Wireloom/packets/detail/PacketRegistry.hpp>
 
 #include <pcap/pcap.h>
@@ -18,10 +22,47 @@ namespace {
 
 // Links child below current and makes it current; the reference current
 // held moves into the child rather than being copied.
-void descend(PXPacketPtr& current, PXPacketPtr&& child) {
+inline void descend(PXPacketPtr& current, PXPacketPtr&& child) {
     current->setEncapsulatedPacket(child);
     child->setEncapsulatingPacket(std::move(current));
     current = std::move(child);
+}
+
+// What the chain asks of a layer before decoding below it.
+struct LayerRules {
+    int index;  // registry index of the layer's class
+    std::optional<PacketClassSet> restriction;
+};
+
+std::optional<PacketClassSet> linkLayerRestriction(int linkLayerType) noexcept {
+    if (linkLayerType == DLT_NULL) return PacketClassSet::ofBuiltIns(detail::kPXBSDLoopbackPacketIndex);
+    if (linkLayerType == DLT_EN10MB) return PacketClassSet::ofBuiltIns(detail::kPXEthernetPacketIndex);
+    return std::nullopt;
+}
+
+// The built-in decoders create exactly their own class, never a subclass, so
+// a layer one of them made has that class's rules, and they are asked with a
+// direct call instead of two virtual ones per layer. A layer from any other
+// decoder is asked through its virtual functions, which its class may override.
+LayerRules rulesBelow(const PXPacket& layer, const PacketClass& decodedBy) {
+    using namespace detail;
+    switch (decodedBy.registryIndex()) {
+    case kPXEthernetPacketIndex:
+        return {kPXEthernetPacketIndex,
+                static_cast<const PXEthernetPacket&>(layer).PXEthernetPacket::restrictedChildProtocols()};
+    case kPXBSDLoopbackPacketIndex:
+        return {kPXBSDLoopbackPacketIndex,
+                static_cast<const PXBSDLoopbackPacket&>(layer).PXBSDLoopbackPacket::restrictedChildProtocols()};
+    case kPXIPv4PacketIndex:
+        return {kPXIPv4PacketIndex, static_cast<const PXIPv4Packet&>(layer).PXIPv4Packet::restrictedChildProtocols()};
+    case kPXIPv6PacketIndex:
+        return {kPXIPv6PacketIndex, static_cast<const PXIPv6Packet&>(layer).PXIPv6Packet::restrictedChildProtocols()};
+    case kPXTCPPacketIndex:
+        return {kPXTCPPacketIndex, static_cast<const PXTCPPacket&>(layer).PXTCPPacket::restrictedChildProtocols()};
+    case kPXUDPPacketIndex:
+        return {kPXUDPPacketIndex, static_cast<const PXUDPPacket&>(layer).PXUDPPacket::restrictedChildProtocols()};
+    default: return {layer.packetClass().registryIndex(), layer.restrictedChildProtocols()};
+    }
 }
 
 // An empty owner whose reference-count block, in the frame's arena, keeps
@@ -89,23 +130,30 @@ PXPacketPtr PXPacket::packetWithHeader(const pcap_pkthdr& header, const std::uin
 
     const ByteBuffer& frame = root->rawData_;
     PXPacketPtr current = std::move(root);
+    // The root is a plain PXPacket, so its rules need no asking.
+    LayerRules rules{detail::kPXPacketIndex, linkLayerRestriction(linkLayerType)};
     std::size_t offset = 0;
     for (int depth = 0; depth < kMaxDecodeDepth; ++depth) {
-        PacketClassSet candidates = registry.classesAcceptingParent(current->packetClass().registryIndex());
-        if (auto restriction = current->restrictedChildProtocolsWithLinkLayerType(linkLayerType))
-            candidates &= *restriction;
+        PacketClassSet candidates = registry.classesAcceptingParent(rules.index);
+        if (rules.restriction) candidates &= *rules.restriction;
+        if (candidates.empty()) break;
 
         // Each layer sees the rest of the frame as a view that costs no
         // reference counting; what a layer keeps of it owns its bytes.
         const ByteBuffer remaining = frame.borrowedView(offset, frame.size() - offset);
         PXPacketPtr child;
         std::uint32_t consumed = 0;
+        const PacketClass* decodedBy = nullptr;
         for (const PacketClass& candidate : candidates) {
             consumed = 0;
             child = candidate.decode(remaining, current, &consumed);
-            if (child) break;
+            if (child) {
+                decodedBy = &candidate;
+                break;
+            }
         }
         if (!child) break;
+        rules = rulesBelow(*child, *decodedBy);
         descend(current, std::move(child));
         if (consumed >= remaining.size()) break;
         offset += consumed;
@@ -171,9 +219,7 @@ int PXPacket::linkLayerType() const {
 
 std::optional<PacketClassSet> PXPacket::restrictedChildProtocolsWithLinkLayerType(int linkLayerType) const {
     if (&packetClass() != &staticClass()) return restrictedChildProtocols();
-    if (linkLayerType == DLT_NULL) return PacketClassSet::ofBuiltIns(detail::kPXBSDLoopbackPacketIndex);
-    if (linkLayerType == DLT_EN10MB) return PacketClassSet::ofBuiltIns(detail::kPXEthernetPacketIndex);
-    return std::nullopt;
+    return linkLayerRestriction(linkLayerType);
 }
 
 ByteBuffer PXPacket::pcapHeaderForLinkLayerType(std::int32_t linkLayerType) {
