@@ -40,7 +40,7 @@ PXPacketPtr PXBSDLoopbackPacket::packetFromData(const ByteBuffer& data, const PX
     detail::ByteReader r(data.span());
     std::uint32_t family = r.readHost<std::uint32_t>();
     if (!r) return nullptr;
-    auto packet = newPacket<PXBSDLoopbackPacket>();
+    auto packet = newLayer<PXBSDLoopbackPacket>();
     packet->payloadType_ = family;
     *consumed = 4;
     return packet;

@@ -50,7 +50,7 @@ std::optional<PacketClassSet> PXEthernetPacket::restrictedChildProtocols() const
 PXPacketPtr PXEthernetPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
     detail::ByteReader r(data.span());
     if (!r.has(14)) return nullptr;
-    auto packet = newPacket<PXEthernetPacket>();
+    auto packet = newLayer<PXEthernetPacket>();
     r.readInto(packet->macDest_.data(), 6);
     r.readInto(packet->macSource_.data(), 6);
     packet->payloadType_ = r.readBE<std::uint16_t>();

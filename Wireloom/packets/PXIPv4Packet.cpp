@@ -31,7 +31,7 @@ PXPacketPtr PXIPv4Packet::packetFromData(const ByteBuffer& data, const PXPacketP
     const std::uint32_t headerBytes = (versionAndIHL & 0x0f) * 4u;
     const std::uint32_t totalLength = r.peekBEAt<std::uint16_t>(2);
 
-    auto packet = newPacket<PXIPv4Packet>();
+    auto packet = newLayer<PXIPv4Packet>();
     packet->protocol_ = r.peekBEAt<std::uint8_t>(9);
     if (totalLength >= headerBytes) {
         packet->payloadSize_ = totalLength - headerBytes;

@@ -87,7 +87,7 @@ PXPacketPtr PXIPv6Packet::packetFromData(const ByteBuffer& data, const PXPacketP
     }
     if (offset > length || offset > payloadLength + 40) return nullptr;
 
-    auto packet = newPacket<PXIPv6Packet>();
+    auto packet = newLayer<PXIPv6Packet>();
     packet->protocol_ = type;
     packet->payloadSize_ = payloadLength + 40 - offset;
     r.seek(8);

@@ -143,6 +143,17 @@ public:
     // One pcap record (16-byte header in host order, then the frame's bytes).
     ByteBuffer pcapFileEntry() const;
 
+protected:
+    // newPacket for the built-in decoders, whose classes give every member an
+    // initializer: it skips the zero-filling of the whole object that
+    // newPacket's value-initialisation does first (a rep stos per layer).
+    template <class T>
+    static std::shared_ptr<T> newLayer() {
+        if (detail::FrameArena* arena = detail::tCurrentFrameArena)
+            return std::allocate_shared_for_overwrite<T>(detail::FrameArenaAllocator<T>(arena));
+        return std::make_shared_for_overwrite<T>();
+    }
+
 private:
     static PacketClass kClass;
 

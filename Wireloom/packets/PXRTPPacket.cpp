@@ -17,7 +17,7 @@ PXPacketPtr PXRTPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
     detail::ByteReader r(data.span());
     if ((r.readByte() & 0xc0) != 0x80) return nullptr;  // version 2
     r.skip(1);
-    auto packet = newPacket<PXRTPPacket>();
+    auto packet = newLayer<PXRTPPacket>();
     packet->sequenceNumber_ = r.readBE<std::uint16_t>();
     packet->rtpTimestamp_ = r.readBE<std::uint32_t>();
     packet->ssrcIdentifier_ = r.readBE<std::uint32_t>();

@@ -20,7 +20,7 @@ PXPacketPtr PXTCPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
     if (!parentPayloadSize) return nullptr;
 
     detail::ByteReader r(data.span());
-    auto packet = newPacket<PXTCPPacket>();
+    auto packet = newLayer<PXTCPPacket>();
     packet->sourcePort_ = r.readBE<std::uint16_t>();
     packet->destPort_ = r.readBE<std::uint16_t>();
     packet->seqNumber_ = r.readBE<std::uint32_t>();

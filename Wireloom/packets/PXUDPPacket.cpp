@@ -29,7 +29,7 @@ std::optional<PacketClassSet> PXUDPPacket::restrictedChildProtocols() const {
 PXPacketPtr PXUDPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
     detail::ByteReader r(data.span());
     if (!r.has(8)) return nullptr;
-    auto packet = newPacket<PXUDPPacket>();
+    auto packet = newLayer<PXUDPPacket>();
     packet->sourcePort_ = r.readBE<std::uint16_t>();
     packet->destPort_ = r.readBE<std::uint16_t>();
     const std::uint32_t udpLength = r.readBE<std::uint16_t>();
