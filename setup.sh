@@ -11,7 +11,7 @@ cd "$(dirname "$0")"
 PACKAGES=(
   build-essential cmake pkg-config clang libclang-rt-14-dev
   libpcap-dev libssl-dev libasio-dev libgtest-dev libbenchmark-dev libtins-dev
-  tshark tcpdump
+  tshark tcpdump curl python3
 )
 JOBS=$(nproc)
 
@@ -52,8 +52,11 @@ case "${1:-}" in
       name=$(basename "$target")
       name=${name#fuzz_}
       mkdir -p build-fuzz/corpus-"$name"
-      "$target" -max_total_time=20 -print_final_stats=0 build-fuzz/corpus-"$name" \
-        fuzz/corpus/"$name" fuzz/regressions/"$name" 2>&1 | tail -n 2
+      inputs=()
+      for dir in fuzz/corpus/"$name" fuzz/regressions/"$name"; do
+        [ -d "$dir" ] && inputs+=("$dir")
+      done
+      "$target" -max_total_time=20 -print_final_stats=0 build-fuzz/corpus-"$name" "${inputs[@]}" 2>&1 | tail -n 2
     done
     echo "== Unit tests under AddressSanitizer and UndefinedBehaviorSanitizer"
     build build-sanitize -DWIRELOOM_SANITIZE=ON
