@@ -2,15 +2,12 @@
 #include <Wireloom/packets/PXBSDLoopbackPacket.hpp>
 #include <Wireloom/packets/PXIPv4Packet.hpp>
 #include <Wireloom/packets/PXIPv6Packet.hpp>
+#include <Wireloom/packets/detail/LinkLayerChildren.hpp>
 
 namespace wireloom {
 
-namespace {
-constexpr std::uint32_t kFamilyIPv4 = 2;
-// The IPv6 family number of the platform these captures come from; other
-// systems' numbers (24, 28, and Linux's 10) are deliberately not recognised.
-constexpr std::uint32_t kFamilyIPv6 = 30;
-}  // namespace
+using detail::kLoopbackFamilyIPv4;
+using detail::kLoopbackFamilyIPv6;
 
 constinit PacketClass PXBSDLoopbackPacket::kClass("PXBSDLoopbackPacket", &PXPacket::staticClass(),
                                  &PXBSDLoopbackPacket::packetFromData, &PXBSDLoopbackPacket::allowedParentProtocols,
@@ -18,8 +15,8 @@ constinit PacketClass PXBSDLoopbackPacket::kClass("PXBSDLoopbackPacket", &PXPack
 
 std::string PXBSDLoopbackPacket::payloadTypeName() const {
     switch (payloadType_) {
-    case kFamilyIPv4: return "Internet Protocol version 4";
-    case kFamilyIPv6: return "Internet Protocol version 6";
+    case kLoopbackFamilyIPv4: return "Internet Protocol version 4";
+    case kLoopbackFamilyIPv6: return "Internet Protocol version 6";
     default: return "Unknown";
     }
 }
@@ -29,11 +26,7 @@ std::optional<PacketClassSet> PXBSDLoopbackPacket::allowedParentProtocols() {
 }
 
 std::optional<PacketClassSet> PXBSDLoopbackPacket::restrictedChildProtocols() const {
-    switch (payloadType_) {
-    case kFamilyIPv4: return PacketClassSet::ofBuiltIns(detail::kPXIPv4PacketIndex);
-    case kFamilyIPv6: return PacketClassSet::ofBuiltIns(detail::kPXIPv6PacketIndex);
-    default: return PacketClassSet{};
-    }
+    return detail::childClassesForLoopbackFamily(payloadType_);
 }
 
 PXPacketPtr PXBSDLoopbackPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {

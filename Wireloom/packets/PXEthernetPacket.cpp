@@ -3,14 +3,13 @@
 #include <Wireloom/packets/PXEthernetPacket.hpp>
 #include <Wireloom/packets/PXIPv4Packet.hpp>
 #include <Wireloom/packets/PXIPv6Packet.hpp>
+#include <Wireloom/packets/detail/LinkLayerChildren.hpp>
 
 namespace wireloom {
 
-namespace {
-constexpr std::uint16_t kEtherTypeIPv4 = 0x0800;
-constexpr std::uint16_t kEtherTypeARP = 0x0806;
-constexpr std::uint16_t kEtherTypeIPv6 = 0x86DD;
-}  // namespace
+using detail::kEtherTypeARP;
+using detail::kEtherTypeIPv4;
+using detail::kEtherTypeIPv6;
 
 constinit PacketClass PXEthernetPacket::kClass("PXEthernetPacket", &PXPacket::staticClass(), &PXEthernetPacket::packetFromData,
                                  &PXEthernetPacket::allowedParentProtocols,
@@ -40,11 +39,7 @@ std::optional<PacketClassSet> PXEthernetPacket::allowedParentProtocols() {
 }
 
 std::optional<PacketClassSet> PXEthernetPacket::restrictedChildProtocols() const {
-    switch (payloadType_) {
-    case kEtherTypeIPv4: return PacketClassSet::ofBuiltIns(detail::kPXIPv4PacketIndex);
-    case kEtherTypeIPv6: return PacketClassSet::ofBuiltIns(detail::kPXIPv6PacketIndex);
-    default: return PacketClassSet{};
-    }
+    return detail::childClassesForEtherType(payloadType_);
 }
 
 PXPacketPtr PXEthernetPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {

@@ -6,6 +6,8 @@
 #include <Wireloom/packets/PXPacket.hpp>
 #include <Wireloom/packets/PXTCPPacket.hpp>
 #include <Wireloom/packets/PXUDPPacket.hpp>
+#include <Wireloom/packets/detail/IPProtocols.hpp>
+#include <Wireloom/packets/detail/LinkLayerChildren.hpp>
 #include <Wireloom/packets/detail/PacketRegistry.hpp>
 
 #include <pcap/pcap.h>
@@ -41,26 +43,31 @@ std::optional<PacketClassSet> linkLayerRestriction(int linkLayerType) noexcept {
 }
 
 // The built-in decoders create exactly their own class, never a subclass, so
-// a layer one of them made has that class's rules, and they are asked with a
-// direct call instead of two virtual ones per layer. A layer from any other
-// decoder is asked through its virtual functions, which its class may override.
+// a layer one of them made follows that class's rules, read here from its
+// fields. Calling restrictedChildProtocols() instead would cost two virtual
+// calls per layer, and a std::optional returned from a call that is not
+// inlined goes through memory (a store-forwarding stall on every layer). A
+// layer from any other decoder is asked through its virtual functions, which
+// its class may override.
 LayerRules rulesBelow(const PXPacket& layer, const PacketClass& decodedBy) {
     using namespace detail;
     switch (decodedBy.registryIndex()) {
     case kPXEthernetPacketIndex:
         return {kPXEthernetPacketIndex,
-                static_cast<const PXEthernetPacket&>(layer).PXEthernetPacket::restrictedChildProtocols()};
+                childClassesForEtherType(static_cast<const PXEthernetPacket&>(layer).payloadType())};
     case kPXBSDLoopbackPacketIndex:
         return {kPXBSDLoopbackPacketIndex,
-                static_cast<const PXBSDLoopbackPacket&>(layer).PXBSDLoopbackPacket::restrictedChildProtocols()};
+                childClassesForLoopbackFamily(static_cast<const PXBSDLoopbackPacket&>(layer).payloadType())};
     case kPXIPv4PacketIndex:
-        return {kPXIPv4PacketIndex, static_cast<const PXIPv4Packet&>(layer).PXIPv4Packet::restrictedChildProtocols()};
+        return {kPXIPv4PacketIndex, childClassesForIPProtocol(static_cast<const PXIPv4Packet&>(layer).protocol())};
     case kPXIPv6PacketIndex:
-        return {kPXIPv6PacketIndex, static_cast<const PXIPv6Packet&>(layer).PXIPv6Packet::restrictedChildProtocols()};
-    case kPXTCPPacketIndex:
-        return {kPXTCPPacketIndex, static_cast<const PXTCPPacket&>(layer).PXTCPPacket::restrictedChildProtocols()};
-    case kPXUDPPacketIndex:
-        return {kPXUDPPacketIndex, static_cast<const PXUDPPacket&>(layer).PXUDPPacket::restrictedChildProtocols()};
+        return {kPXIPv6PacketIndex, childClassesForIPProtocol(static_cast<const PXIPv6Packet&>(layer).protocol())};
+    case kPXTCPPacketIndex: return {kPXTCPPacketIndex, std::nullopt};
+    case kPXUDPPacketIndex: {
+        const auto& udp = static_cast<const PXUDPPacket&>(layer);
+        if (!udp.leadsToMDNS()) return {kPXUDPPacketIndex, std::nullopt};
+        return {kPXUDPPacketIndex, udp.PXUDPPacket::restrictedChildProtocols()};
+    }
     default: return {layer.packetClass().registryIndex(), layer.restrictedChildProtocols()};
     }
 }

@@ -4,7 +4,25 @@
 #include <Wireloom/packets/PXIPv6Packet.hpp>
 #include <Wireloom/packets/PXTCPPacket.hpp>
 
+#include <typeinfo>
+
 namespace wireloom {
+
+namespace {
+
+// The parent's payload size. A parent of exactly a built-in IP class is read
+// directly: the virtual call returns a std::optional through memory, which
+// costs a store-forwarding stall on every segment. The type_info addresses are
+// compared rather than the type_infos: equal addresses prove the type, and a
+// class seen through another copy of its type_info merely takes the call.
+std::optional<std::uint32_t> payloadSizeOf(const PXPacket& parent) {
+    const std::type_info& type = typeid(parent);
+    if (&type == &typeid(PXIPv4Packet)) return static_cast<const PXIPv4Packet&>(parent).payloadSize();
+    if (&type == &typeid(PXIPv6Packet)) return static_cast<const PXIPv6Packet&>(parent).payloadSize();
+    return parent.layerPayloadSize();
+}
+
+}  // namespace
 
 constinit PacketClass PXTCPPacket::kClass("PXTCPPacket", &PXPacket::staticClass(), &PXTCPPacket::packetFromData,
                                  &PXTCPPacket::allowedParentProtocols,
@@ -16,7 +34,7 @@ std::optional<PacketClassSet> PXTCPPacket::allowedParentProtocols() {
 
 PXPacketPtr PXTCPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
     if (data.size() < 20 || !parent) return nullptr;
-    const std::optional<std::uint32_t> parentPayloadSize = parent->layerPayloadSize();
+    const std::optional<std::uint32_t> parentPayloadSize = payloadSizeOf(*parent);
     if (!parentPayloadSize) return nullptr;
 
     detail::ByteReader r(data.span());

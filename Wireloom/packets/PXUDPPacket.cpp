@@ -6,10 +6,6 @@
 
 namespace wireloom {
 
-namespace {
-constexpr std::uint16_t kMDNSPort = 5353;
-}
-
 constinit PacketClass PXUDPPacket::kClass("PXUDPPacket", &PXPacket::staticClass(), &PXUDPPacket::packetFromData,
                                  &PXUDPPacket::allowedParentProtocols,
                                      detail::kPXUDPPacketIndex);
@@ -19,7 +15,7 @@ std::optional<PacketClassSet> PXUDPPacket::allowedParentProtocols() {
 }
 
 std::optional<PacketClassSet> PXUDPPacket::restrictedChildProtocols() const {
-    if (sourcePort_ != kMDNSPort || destPort_ != kMDNSPort) return std::nullopt;
+    if (!leadsToMDNS()) return std::nullopt;
     // The mDNS class lives in a higher layer of the library; it is found by
     // name in the registry, and a process without it decodes nothing here.
     static const PacketClass* const mdns = PXPacket::packetClassNamed("PXMDNSPacket");

@@ -22,6 +22,9 @@ public:
     std::uint16_t destPort() const noexcept { return destPort_; }
     void setDestPort(std::uint16_t port) noexcept { destPort_ = port; }
 
+    // Port 5353 to port 5353: the only datagrams decoded further.
+    bool leadsToMDNS() const noexcept { return sourcePort_ == kMDNSPort && destPort_ == kMDNSPort; }
+
     static std::optional<PacketClassSet> allowedParentProtocols();
     std::optional<PacketClassSet> restrictedChildProtocols() const override;
     static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
@@ -31,6 +34,7 @@ public:
     const ByteBuffer* layerPayload() const noexcept override { return &payload_; }
 
 private:
+    static constexpr std::uint16_t kMDNSPort = 5353;
     static PacketClass kClass;
     ByteBuffer payload_;
     std::uint32_t payloadSize_ = 0;
