@@ -6,10 +6,10 @@
 namespace wireloom::detail {
 
 void registerBuiltInPacketClasses() {
-    for (const PacketClass* cls : {&PXEthernetPacket::staticClass(), &PXBSDLoopbackPacket::staticClass(),
-                                   &PXIPv4Packet::staticClass(), &PXIPv6Packet::staticClass(),
-                                   &PXTCPPacket::staticClass(), &PXUDPPacket::staticClass(),
-                                   &PXRTPPacket::staticClass()})
+    for (const PacketClass* cls :
+         {&PXEthernetPacket::staticClass(), &PXBSDLoopbackPacket::staticClass(), &PXIPv4Packet::staticClass(),
+          &PXIPv6Packet::staticClass(), &PXTCPPacket::staticClass(), &PXUDPPacket::staticClass(),
+          &PXRTPPacket::staticClass()})
         PXPacket::registerPacketClass(*cls);
 }
 

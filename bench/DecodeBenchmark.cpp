@@ -127,8 +127,10 @@ public:
             case kDns4: dnsExchange(false, traffic.frames); break;
             case kUdp4: otherDatagram(false, traffic.frames); break;
             case kUdp6:
-                if (random_.chance(0.5)) dnsExchange(true, traffic.frames);
-                else otherDatagram(true, traffic.frames);
+                if (random_.chance(0.5))
+                    dnsExchange(true, traffic.frames);
+                else
+                    otherDatagram(true, traffic.frames);
                 break;
             default: break;
             }
@@ -170,14 +172,18 @@ private:
     // Clients on a private network, servers in the documentation ranges.
     std::string clientAddress(bool v6) {
         char text[64];
-        if (v6) std::snprintf(text, sizeof text, "fd00:10::%x", random_.between(2, 0xfffe));
-        else std::snprintf(text, sizeof text, "10.1.%u.%u", random_.between(0, 255), random_.between(1, 254));
+        if (v6)
+            std::snprintf(text, sizeof text, "fd00:10::%x", random_.between(2, 0xfffe));
+        else
+            std::snprintf(text, sizeof text, "10.1.%u.%u", random_.between(0, 255), random_.between(1, 254));
         return text;
     }
     std::string serverAddress(bool v6) {
         char text[64];
-        if (v6) std::snprintf(text, sizeof text, "2001:db8:%x::%x", random_.between(1, 0xff), random_.between(1, 0xff));
-        else std::snprintf(text, sizeof text, "198.51.100.%u", random_.between(1, 254));
+        if (v6)
+            std::snprintf(text, sizeof text, "2001:db8:%x::%x", random_.between(1, 0xff), random_.between(1, 0xff));
+        else
+            std::snprintf(text, sizeof text, "198.51.100.%u", random_.between(1, 254));
         return text;
     }
     std::uint16_t ephemeralPort() { return static_cast<std::uint16_t>(random_.between(49152, 65535)); }
@@ -199,9 +205,18 @@ private:
     }
 
     Bytes dnsMessage(std::uint16_t id, bool response) {
-        Bytes m = {static_cast<std::uint8_t>(id >> 8), static_cast<std::uint8_t>(id),
-                   static_cast<std::uint8_t>(response ? 0x81 : 0x01), static_cast<std::uint8_t>(response ? 0x80 : 0x00),
-                   0, 1, 0, 0, 0, 0, 0, 0};
+        Bytes m = {static_cast<std::uint8_t>(id >> 8),
+                   static_cast<std::uint8_t>(id),
+                   static_cast<std::uint8_t>(response ? 0x81 : 0x01),
+                   static_cast<std::uint8_t>(response ? 0x80 : 0x00),
+                   0,
+                   1,
+                   0,
+                   0,
+                   0,
+                   0,
+                   0,
+                   0};
         for (std::uint32_t labels = random_.between(2, 4); labels > 0; --labels) {
             std::uint32_t length = random_.between(3, 12);
             m.push_back(static_cast<std::uint8_t>(length));
@@ -223,8 +238,8 @@ private:
                    std::uint16_t sourcePort, std::uint16_t destPort, const Bytes& data) {
         clock_ += 0.0001 * random_.between(1, 50);
         Bytes segment = udp(sourcePort, destPort, data);
-        Bytes ip = v6 ? ipv6(ip6(source), ip6(dest), kProtoUDP, segment)
-                      : ipv4(ip4(source), ip4(dest), kProtoUDP, segment);
+        Bytes ip =
+            v6 ? ipv6(ip6(source), ip6(dest), kProtoUDP, segment) : ipv4(ip4(source), ip4(dest), kProtoUDP, segment);
         return Frame{clock_, ethernet(to, from, v6 ? kEtherTypeIPv6 : kEtherTypeIPv4, ip), 0};
     }
 
@@ -246,13 +261,13 @@ private:
         switch (random_.between(0, 2)) {
         case 0:
             for (std::uint32_t n = random_.between(1, 4); n > 0; --n)
-                out.push_back(datagram(v6, kMacB, client, server, clientIp, 443, 50000,
-                                       payload(random_.between(1150, 1350))));
+                out.push_back(
+                    datagram(v6, kMacB, client, server, clientIp, 443, 50000, payload(random_.between(1150, 1350))));
             break;
         case 1: out.push_back(datagram(v6, client, kMacB, clientIp, server, 123, 123, payload(48))); break;
         default:
-            out.push_back(datagram(v6, client, kMacB, clientIp, server, ephemeralPort(), 514,
-                                   payload(random_.between(60, 400))));
+            out.push_back(
+                datagram(v6, client, kMacB, clientIp, server, ephemeralPort(), 514, payload(random_.between(60, 400))));
         }
     }
 
@@ -463,8 +478,10 @@ bool checkLibtins(const LoadedCapture& capture, const Traffic& traffic) {
     for (const Record& record : capture.records) {
         try {
             Tins::EthernetII frame(record.data, record.header.caplen);
-            if (frame.find_pdu<Tins::TCP>()) ++tcp;
-            else if (frame.find_pdu<Tins::UDP>()) ++udp;
+            if (frame.find_pdu<Tins::TCP>())
+                ++tcp;
+            else if (frame.find_pdu<Tins::UDP>())
+                ++udp;
         } catch (const Tins::exception_base&) {
         }
     }
@@ -502,15 +519,14 @@ int main(int argc, char** argv) {
         } else if (value && option == "--threaded") {
             threaded = std::atoi(value) != 0;
         } else {
-            std::fprintf(stderr, "usage: %s [--megabytes N] [--repetitions N] [--only NAME] [--threaded 1]\n",
-                         argv[0]);
+            std::fprintf(stderr, "usage: %s [--megabytes N] [--repetitions N] [--only NAME] [--threaded 1]\n", argv[0]);
             return 2;
         }
     }
 
     if (threaded) std::thread([] {}).join();
-    std::printf("Machine: %ld cores, %s\nBuild: %s\nProcess: %s\n", sysconf(_SC_NPROCESSORS_ONLN),
-                cpuModel().c_str(), WIRELOOM_BENCH_BUILD, threaded ? "multi-threaded" : "single-threaded");
+    std::printf("Machine: %ld cores, %s\nBuild: %s\nProcess: %s\n", sysconf(_SC_NPROCESSORS_ONLN), cpuModel().c_str(),
+                WIRELOOM_BENCH_BUILD, threaded ? "multi-threaded" : "single-threaded");
 
     TemporaryCapture file;
     Traffic traffic = TrafficGenerator(20240611).generate(megabytes * 1000000);
@@ -545,18 +561,42 @@ int main(int argc, char** argv) {
     std::printf("Warm passes: the first %zu frames, %zu times\n", warmCount, warm.rounds);
     std::vector<Pass> passes = {
         {"libpcap", "pcap_next_ex over the file", [&] { return walkWithLibpcap(file.path); }, frameCount, {}, {}},
-        {"copy", "new + memcpy + delete of each frame", [&] { return forEachFrame(cold, copyFrame); }, frameCount,
-         {}, {}},
-        {"libtins", "EthernetII over the frames", [&] { return forEachFrame(cold, parseWithLibtins); }, frameCount,
-         {}, {}},
-        {"wireloom", "packetWithHeader over the frames", [&] { return forEachFrame(cold, decodeWithWireloom); },
-         frameCount, {}, {}},
-        {"wireloom-file", "PXCaptureFile::nextPacket over the file", [&] { return readFileWithWireloom(file.path); },
-         frameCount, {}, {}},
-        {"libtins-warm", "EthernetII over the first MB, repeated", [&] { return forEachFrame(warm, parseWithLibtins); },
-         warm.frames(), {}, {}},
-        {"wireloom-warm", "packetWithHeader over the first MB, repeated",
-         [&] { return forEachFrame(warm, decodeWithWireloom); }, warm.frames(), {}, {}},
+        {"copy",
+         "new + memcpy + delete of each frame",
+         [&] { return forEachFrame(cold, copyFrame); },
+         frameCount,
+         {},
+         {}},
+        {"libtins",
+         "EthernetII over the frames",
+         [&] { return forEachFrame(cold, parseWithLibtins); },
+         frameCount,
+         {},
+         {}},
+        {"wireloom",
+         "packetWithHeader over the frames",
+         [&] { return forEachFrame(cold, decodeWithWireloom); },
+         frameCount,
+         {},
+         {}},
+        {"wireloom-file",
+         "PXCaptureFile::nextPacket over the file",
+         [&] { return readFileWithWireloom(file.path); },
+         frameCount,
+         {},
+         {}},
+        {"libtins-warm",
+         "EthernetII over the first MB, repeated",
+         [&] { return forEachFrame(warm, parseWithLibtins); },
+         warm.frames(),
+         {},
+         {}},
+        {"wireloom-warm",
+         "packetWithHeader over the first MB, repeated",
+         [&] { return forEachFrame(warm, decodeWithWireloom); },
+         warm.frames(),
+         {},
+         {}},
     };
     if (!only.empty()) {
         std::erase_if(passes, [&](const Pass& pass) { return only != pass.name; });
@@ -600,7 +640,9 @@ int main(int argc, char** argv) {
         return 0.0;
     };
     if (passes.size() > 1) std::printf("\nratios of the medians: CPU time (wall time)\n");
-    for (auto [a, b] : {std::pair{"wireloom", "libtins"}, {"wireloom-warm", "libtins-warm"}, {"libpcap", "wireloom"},
+    for (auto [a, b] : {std::pair{"wireloom", "libtins"},
+                        {"wireloom-warm", "libtins-warm"},
+                        {"libpcap", "wireloom"},
                         {"libpcap", "wireloom-file"}}) {
         if (medianOf(a, true) > 0 && medianOf(b, true) > 0)
             std::printf("%-30s %5.2f (%.2f)\n", (std::string(a) + " / " + b).c_str(),

@@ -29,8 +29,10 @@ std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args
                 return std::nullopt;
             }
             const std::string& value = args[++i];
-            if (value == "oneline") options.format = Format::OneLine;
-            else if (value == "none") options.format = Format::None;
+            if (value == "oneline")
+                options.format = Format::OneLine;
+            else if (value == "none")
+                options.format = Format::None;
             else {
                 std::fprintf(err, "wireloom: unknown format '%s'\n", value.c_str());
                 return std::nullopt;

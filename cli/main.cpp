@@ -6,12 +6,13 @@
 using namespace wireloom::cli;
 
 void wireloom::cli::printUsage(std::FILE* to) {
-    std::fputs("usage: wireloom read FILE [--format oneline|none]\n"
-               "\n"
-               "  read    decode every frame of a capture file (pcap or pcapng)\n"
-               "          --format oneline  one line per frame: number, time, each layer (default)\n"
-               "          --format none     decode everything, print only a summary\n",
-               to);
+    std::fputs(
+        "usage: wireloom read FILE [--format oneline|none]\n"
+        "\n"
+        "  read    decode every frame of a capture file (pcap or pcapng)\n"
+        "          --format oneline  one line per frame: number, time, each layer (default)\n"
+        "          --format none     decode everything, print only a summary\n",
+        to);
 }
 
 int main(int argc, char** argv) {

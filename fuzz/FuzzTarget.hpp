@@ -9,15 +9,15 @@
 #include <cstdint>
 
 #ifdef WIRELOOM_LIBFUZZER
-#define WIRELOOM_FUZZ_ENTRY(name)                                                    \
+#define WIRELOOM_FUZZ_ENTRY(name)                                                       \
     extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) { \
-        return wireloomFuzz_##name(data, size);                                      \
+        return wireloomFuzz_##name(data, size);                                         \
     }
 #else
 #define WIRELOOM_FUZZ_ENTRY(name)
 #endif
 
-#define WIRELOOM_FUZZ_TARGET(name)                                  \
+#define WIRELOOM_FUZZ_TARGET(name)                                       \
     int wireloomFuzz_##name(const std::uint8_t* data, std::size_t size); \
-    WIRELOOM_FUZZ_ENTRY(name)                                       \
+    WIRELOOM_FUZZ_ENTRY(name)                                            \
     int wireloomFuzz_##name(const std::uint8_t* data, std::size_t size)

@@ -130,8 +130,8 @@ Bytes bytesOfArray(const auto& array) { return Bytes(array.begin(), array.end())
 
 Bytes httpRequest(const std::string& method, const std::string& path, const std::string& host,
                   const std::string& contentType = {}, const std::string& body = {}) {
-    std::string text = method + " " + path + " HTTP/1.1\r\nHost: " + host +
-                       "\r\nUser-Agent: demo-client/2.1\r\nAccept: */*\r\n";
+    std::string text =
+        method + " " + path + " HTTP/1.1\r\nHost: " + host + "\r\nUser-Agent: demo-client/2.1\r\nAccept: */*\r\n";
     if (!contentType.empty())
         text += "Content-Type: " + contentType + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
     return bytesOf(text + "\r\n" + body);
@@ -139,9 +139,9 @@ Bytes httpRequest(const std::string& method, const std::string& path, const std:
 
 Bytes httpResponse(const std::string& status, const std::string& contentType, const std::string& body,
                    const std::string& extraHeaders = {}) {
-    return bytesOf("HTTP/1.1 " + status + "\r\nDate: " + kDate + "\r\nServer: demo-httpd/1.4\r\nContent-Type: " +
-                   contentType + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + extraHeaders +
-                   "\r\n" + body);
+    return bytesOf("HTTP/1.1 " + status + "\r\nDate: " + kDate +
+                   "\r\nServer: demo-httpd/1.4\r\nContent-Type: " + contentType +
+                   "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + extraHeaders + "\r\n" + body);
 }
 
 const std::string kIndexPage = R"(<!DOCTYPE html>
@@ -201,8 +201,8 @@ Frame udpFrame(double time, const Host& from, const Host& to, std::uint16_t sour
     fields.ttl = ttl;
     fields.identification = nextIdentification(from.address);
     return Frame{time, ethernet(to.mac, from.mac, kEtherTypeIPv4,
-                                ipv4(ip4(from.address), ip4(to.address), kProtoUDP,
-                                     udp(sourcePort, destPort, payload), fields))};
+                                ipv4(ip4(from.address), ip4(to.address), kProtoUDP, udp(sourcePort, destPort, payload),
+                                     fields))};
 }
 
 // NTP's 64-bit timestamp: seconds since 1900 and a binary fraction.
@@ -220,9 +220,9 @@ Bytes ntpPacket(bool server, double originate, double receive, double transmit) 
         appendNtpTime(b, transmit);
         return b;
     }
-    b = {0x24, 2, 3, 0xe9};   // version 4, server, stratum 2, poll 8 s, precision 2^-23
-    appendBE(b, 0x00000a3d, 4); // root delay
-    appendBE(b, 0x00001c29, 4); // root dispersion
+    b = {0x24, 2, 3, 0xe9};               // version 4, server, stratum 2, poll 8 s, precision 2^-23
+    appendBE(b, 0x00000a3d, 4);           // root delay
+    appendBE(b, 0x00001c29, 4);           // root dispersion
     b.insert(b.end(), {192, 0, 2, 123});  // reference: the upstream server
     appendNtpTime(b, receive - 37.25);
     appendNtpTime(b, originate);
@@ -264,24 +264,26 @@ std::vector<Frame> demoFrames() {
     // The laptop finds its gateway.
     Bytes reply = arpRequest(kGatewayMac, ip4(kGateway), ip4(kLaptop));
     std::copy(kLaptopMac.begin(), kLaptopMac.end(), reply.begin());       // to the laptop
-    reply[21] = 2;                                                         // reply
+    reply[21] = 2;                                                        // reply
     std::copy(kLaptopMac.begin(), kLaptopMac.end(), reply.begin() + 32);  // target hardware address
     frames.push_back({kEpoch + 0.000120, arpRequest(kLaptopMac, ip4(kLaptop), ip4(kGateway))});
     frames.push_back({kEpoch + 0.001874, reply});
 
     // It resolves the web server, both families.
     const std::string host = "www.example.com";
-    frames.push_back(udpFrame(kEpoch + 0.002310, laptop, gateway, 41873, 53,
-                              DnsMessage(0x3c5a, 0x0100).ask(host, 1).bytes()));
-    frames.push_back(udpFrame(kEpoch + 0.002395, laptop, gateway, 52244, 53,
-                              DnsMessage(0x91e7, 0x0100).ask(host, 28).bytes()));
-    frames.push_back(udpFrame(kEpoch + 0.014782, gateway, laptop, 53, 41873,
-                              DnsMessage(0x3c5a, 0x8180).ask(host, 1)
-                                  .record(DnsMessage::answer, host, 1, 1, 300,
-                                          [](DnsMessage& m) { m.write(bytesOfArray(ip4(kWebServer))); })
-                                  .bytes()));
+    frames.push_back(
+        udpFrame(kEpoch + 0.002310, laptop, gateway, 41873, 53, DnsMessage(0x3c5a, 0x0100).ask(host, 1).bytes()));
+    frames.push_back(
+        udpFrame(kEpoch + 0.002395, laptop, gateway, 52244, 53, DnsMessage(0x91e7, 0x0100).ask(host, 28).bytes()));
+    frames.push_back(udpFrame(
+        kEpoch + 0.014782, gateway, laptop, 53, 41873,
+        DnsMessage(0x3c5a, 0x8180)
+            .ask(host, 1)
+            .record(DnsMessage::answer, host, 1, 1, 300, [](DnsMessage& m) { m.write(bytesOfArray(ip4(kWebServer))); })
+            .bytes()));
     frames.push_back(udpFrame(kEpoch + 0.015106, gateway, laptop, 53, 52244,
-                              DnsMessage(0x91e7, 0x8180).ask(host, 28)
+                              DnsMessage(0x91e7, 0x8180)
+                                  .ask(host, 28)
                                   .record(DnsMessage::answer, host, 28, 1, 300,
                                           [](DnsMessage& m) { m.write(bytesOfArray(ip6(kWebServer6))); })
                                   .bytes()));
@@ -296,22 +298,21 @@ std::vector<Frame> demoFrames() {
                  httpResponse("200 OK", "text/css", kStyleSheet, "Cache-Control: max-age=3600\r\n"),
                  4.2}},  // the browser lets the idle connection go
                frames);
-    connection(TcpConversation(1, {kLaptopMac, kLaptop, 51516}, {kGatewayMac, kWebServer, 80}, 0x0e94c3b1, 0x7f21d865),
-               kEpoch + 0.072310,
-               {{httpRequest("GET", "/report.csv", host), 0.008760, httpResponse("200 OK", "text/csv", reportCsv()),
-                 0.010}},
-               frames);
+    connection(
+        TcpConversation(1, {kLaptopMac, kLaptop, 51516}, {kGatewayMac, kWebServer, 80}, 0x0e94c3b1, 0x7f21d865),
+        kEpoch + 0.072310,
+        {{httpRequest("GET", "/report.csv", host), 0.008760, httpResponse("200 OK", "text/csv", reportCsv()), 0.010}},
+        frames);
 
     // Looking for web servers on the local network.
     const Host mdnsGroup{kMdnsMac, kMdnsGroup};
     const std::string service = "_http._tcp.local";
     const std::string instance = "Kitchen Display." + service;
     const std::string target = "kitchen-display.local";
-    frames.push_back(udpFrame(kEpoch + 0.412007, laptop, mdnsGroup, 5353, 5353,
-                              DnsMessage(0, 0).ask(service, 12).bytes(), 255));
+    frames.push_back(
+        udpFrame(kEpoch + 0.412007, laptop, mdnsGroup, 5353, 5353, DnsMessage(0, 0).ask(service, 12).bytes(), 255));
     DnsMessage announcement(0, 0x8400);  // response, authoritative
-    announcement
-        .record(DnsMessage::answer, service, 12, 1, 4500, [&](DnsMessage& m) { m.writeName(instance); })
+    announcement.record(DnsMessage::answer, service, 12, 1, 4500, [&](DnsMessage& m) { m.writeName(instance); })
         .record(DnsMessage::additional, instance, 33, 0x8001, 120,
                 [&](DnsMessage& m) {
                     m.write(0, 2);   // priority
@@ -351,12 +352,12 @@ std::vector<Frame> demoFrames() {
                frames);
 
     // The same site over IPv6, whose longer header leaves 1428 bytes a segment.
-    connection(TcpConversation(1, {kLaptopMac, kLaptop6, 51530}, {kGatewayMac, kWebServer6, 80}, 0x61f0a9c3,
-                               0xd45e0b28),
-               kEpoch + 1.902650,
-               {{httpRequest("GET", "/", host), 0.002870,
-                 httpResponse("200 OK", "text/html; charset=utf-8", kIndexPage), 0.5}},
-               frames, 1428);
+    connection(
+        TcpConversation(1, {kLaptopMac, kLaptop6, 51530}, {kGatewayMac, kWebServer6, 80}, 0x61f0a9c3, 0xd45e0b28),
+        kEpoch + 1.902650,
+        {{httpRequest("GET", "/", host), 0.002870, httpResponse("200 OK", "text/html; charset=utf-8", kIndexPage),
+          0.5}},
+        frames, 1428);
 
     // A datagram to the discard port behind a hop-by-hop header (8 bytes,
     // PadN only). The UDP checksum is taken without the extension header,
@@ -384,8 +385,7 @@ std::vector<Frame> loopbackFrames() {
                {{httpRequest("GET", "/health", "localhost:8080"), 0.000420,
                  httpResponse("200 OK", "application/json", R"({"status":"ok","uptime":86400})"), 0.001}},
                frames);
-    connection(TcpConversation(0, {{}, "::1", 52102}, {{}, "::1", 8080}, 0xf3c2a815, 0x4b96e07d),
-               kEpoch + 10.020000,
+    connection(TcpConversation(0, {{}, "::1", 52102}, {{}, "::1", 8080}, 0xf3c2a815, 0x4b96e07d), kEpoch + 10.020000,
                {{httpRequest("GET", "/metrics", "[::1]:8080"), 0.000610,
                  httpResponse("200 OK", "text/plain; version=0.0.4",
                               "# TYPE http_requests_total counter\n"
@@ -396,9 +396,9 @@ std::vector<Frame> loopbackFrames() {
     // A counter for a local statistics daemon.
     IPv4Fields fields;
     fields.identification = 0x6c01;
-    frames.push_back({kEpoch + 10.010500,
-                      loopback(kLoopbackIPv4, ipv4(ip4("127.0.0.1"), ip4("127.0.0.1"), kProtoUDP,
-                                                   udp(53110, 8125, bytesOf("demo.requests:1|c")), fields))});
+    frames.push_back(
+        {kEpoch + 10.010500, loopback(kLoopbackIPv4, ipv4(ip4("127.0.0.1"), ip4("127.0.0.1"), kProtoUDP,
+                                                          udp(53110, 8125, bytesOf("demo.requests:1|c")), fields))});
 
     return frames;
 }

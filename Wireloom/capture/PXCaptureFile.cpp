@@ -15,7 +15,9 @@ std::unique_ptr<PXCaptureFile> PXCaptureFile::open(const std::string& path, std:
 }
 
 PXCaptureFile::PXCaptureFile(pcap* handle, std::string path)
-    : handle_(handle), path_(std::move(path)), linkLayerType_(pcap_datalink(handle)),
+    : handle_(handle),
+      path_(std::move(path)),
+      linkLayerType_(pcap_datalink(handle)),
       snapLength_(static_cast<std::uint32_t>(pcap_snapshot(handle))) {}
 
 PXCaptureFile::~PXCaptureFile() { pcap_close(handle_); }
@@ -30,8 +32,10 @@ bool PXCaptureFile::nextRecord(const pcap_pkthdr** header, const std::uint8_t** 
         return true;
     }
     if (error) {
-        if (status == PCAP_ERROR_BREAK) error->clear();  // the end of the file
-        else *error = pcap_geterr(handle_);
+        if (status == PCAP_ERROR_BREAK)
+            error->clear();  // the end of the file
+        else
+            *error = pcap_geterr(handle_);
     }
     return false;
 }

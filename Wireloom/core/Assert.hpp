@@ -9,7 +9,7 @@ namespace wireloom::detail {
 [[noreturn]] void assertionFailed(const char* text, const char* file, int line) noexcept;
 }
 
-#define WL_ASSERT(condition, text)                                          \
+#define WL_ASSERT(condition, text)                                           \
     do {                                                                     \
         if (!(condition)) [[unlikely]]                                       \
             ::wireloom::detail::assertionFailed((text), __FILE__, __LINE__); \

@@ -24,9 +24,7 @@ ByteBuffer ByteBuffer::copy(const void* bytes, std::size_t length) {
     return ByteBuffer(std::shared_ptr<const std::uint8_t>(block, block.get()), length);
 }
 
-const std::uint8_t* ByteBuffer::data() const noexcept {
-    return storage_ ? storage_.get() : &kEmptyByte;
-}
+const std::uint8_t* ByteBuffer::data() const noexcept { return storage_ ? storage_.get() : &kEmptyByte; }
 
 std::uint8_t ByteBuffer::operator[](std::size_t index) const noexcept {
     WL_ASSERT(index < size_, "ByteBuffer index out of range");

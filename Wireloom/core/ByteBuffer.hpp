@@ -87,9 +87,9 @@ public:
     // Standard base64 with padding and no line breaks; nothing when the
     // encoder fails.
     std::optional<std::string> base64EncodedString() const;
-    std::string sha256HexDigest() const;  // 64 lower-case hex digits
-    std::string md5HexDigest() const;     // 32 lower-case hex digits
-    std::string hexEncodedString() const; // "%02x" per byte, no separators
+    std::string sha256HexDigest() const;   // 64 lower-case hex digits
+    std::string md5HexDigest() const;      // 32 lower-case hex digits
+    std::string hexEncodedString() const;  // "%02x" per byte, no separators
     // Keeps bytes 32 to 126 only; line breaks and tabs are dropped as well.
     std::string bestEffortASCIIStringDiscardingInvalidBytes() const;
     // Parses lower-case hex digits, skipping every other character (upper-case

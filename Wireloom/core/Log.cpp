@@ -85,12 +85,12 @@ void Log::message(Level level, const char* format, va_list args) {
     if (s.mirror) std::fprintf(stderr, "%s\n", text.c_str());
 }
 
-#define WL_LOG_LEVEL_FUNCTION(function, level) \
+#define WL_LOG_LEVEL_FUNCTION(function, level)    \
     void Log::function(const char* format, ...) { \
-        va_list args;                              \
-        va_start(args, format);                    \
-        message(level, format, args);              \
-        va_end(args);                              \
+        va_list args;                             \
+        va_start(args, format);                   \
+        message(level, format, args);             \
+        va_end(args);                             \
     }
 WL_LOG_LEVEL_FUNCTION(error, Level::Error)
 WL_LOG_LEVEL_FUNCTION(warning, Level::Warning)

@@ -2,8 +2,8 @@
 #include <Wireloom/core/NotificationCenter.hpp>
 
 #include <algorithm>
-#include <iterator>
 #include <atomic>
+#include <iterator>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
@@ -55,8 +55,10 @@ struct NotificationCenter::Impl {
             return true;
         auto kept = std::make_shared<RegistrationList>();
         for (const auto& registration : *list) {
-            if (registration->observer == observer) registration->removed = true;
-            else kept->push_back(registration);
+            if (registration->observer == observer)
+                registration->removed = true;
+            else
+                kept->push_back(registration);
         }
         list = std::move(kept);
         return !list->empty();
@@ -71,8 +73,7 @@ NotificationCenter& NotificationCenter::defaultCenter() {
 NotificationCenter::NotificationCenter() : impl_(std::make_unique<Impl>()) {}
 NotificationCenter::~NotificationCenter() = default;
 
-void NotificationCenter::addObserver(const void* observer, std::string name, Callback callback,
-                                     const Object* sender) {
+void NotificationCenter::addObserver(const void* observer, std::string name, Callback callback, const Object* sender) {
     WL_ASSERT(observer != nullptr, "An observer needs an address to be removed by");
     WL_ASSERT(callback != nullptr, "An observer needs a callback");
     auto registration = std::make_shared<Registration>(observer, sender, std::move(callback));

@@ -92,9 +92,7 @@ RunLoop& RunLoop::current() {
 RunLoop::RunLoop() : impl_(std::make_shared<Impl>()) {}
 RunLoop::~RunLoop() = default;
 
-void RunLoop::post(std::function<void()> handler) {
-    asio::post(impl_->io, std::move(handler));
-}
+void RunLoop::post(std::function<void()> handler) { asio::post(impl_->io, std::move(handler)); }
 
 void RunLoop::run() {
     impl_->checkNotNested();
@@ -102,9 +100,7 @@ void RunLoop::run() {
     impl_->consumeStop();
 }
 
-void RunLoop::stop() {
-    impl_->io.stop();
-}
+void RunLoop::stop() { impl_->io.stop(); }
 
 bool RunLoop::runUntil(const std::function<bool()>& condition, Clock::time_point deadline) {
     impl_->checkNotNested();
@@ -141,9 +137,7 @@ std::shared_ptr<RunLoop::Timer> RunLoop::addRepeatingTimer(Clock::duration inter
     return std::shared_ptr<Timer>(new Timer(std::move(state)));
 }
 
-RunLoop::Timer::~Timer() {
-    invalidate();
-}
+RunLoop::Timer::~Timer() { invalidate(); }
 
 void RunLoop::Timer::invalidate() {
     if (!state_->valid.exchange(false)) return;
@@ -156,8 +150,6 @@ void RunLoop::Timer::invalidate() {
     });
 }
 
-bool RunLoop::Timer::isValid() const noexcept {
-    return state_->valid;
-}
+bool RunLoop::Timer::isValid() const noexcept { return state_->valid; }
 
 }  // namespace wireloom

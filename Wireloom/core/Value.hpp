@@ -25,15 +25,14 @@ public:
     Value() noexcept = default;
     Value(bool v) : v_(v) {}
     template <class I>
-        requires(std::is_integral_v<I> && !std::is_same_v<I, bool>)
-    Value(I v) : v_(static_cast<std::int64_t>(v)) {}
+    requires(std::is_integral_v<I> && !std::is_same_v<I, bool>) Value(I v) : v_(static_cast<std::int64_t>(v)) {}
     Value(double v) : v_(v) {}
     Value(std::string v) : v_(std::move(v)) {}
     Value(const char* v) : v_(std::string(v)) {}
     Value(ByteBuffer v) : v_(std::move(v)) {}
     template <class T>
-        requires std::is_base_of_v<Object, T>
-    Value(std::shared_ptr<T> v) : v_(std::static_pointer_cast<Object>(std::move(v))) {}
+    requires std::is_base_of_v<Object, T> Value(std::shared_ptr<T> v)
+        : v_(std::static_pointer_cast<Object>(std::move(v))) {}
 
     bool isNull() const noexcept { return std::holds_alternative<std::monostate>(v_); }
 
@@ -47,8 +46,10 @@ public:
     std::shared_ptr<T> object() const {
         auto p = std::get_if<ObjectPtr>(&v_);
         if (!p) return nullptr;
-        if constexpr (std::is_same_v<T, Object>) return *p;
-        else return std::dynamic_pointer_cast<T>(*p);
+        if constexpr (std::is_same_v<T, Object>)
+            return *p;
+        else
+            return std::dynamic_pointer_cast<T>(*p);
     }
 
 private:

@@ -10,8 +10,9 @@ using detail::kLoopbackFamilyIPv4;
 using detail::kLoopbackFamilyIPv6;
 
 constinit PacketClass PXBSDLoopbackPacket::kClass("PXBSDLoopbackPacket", &PXPacket::staticClass(),
-                                 &PXBSDLoopbackPacket::packetFromData, &PXBSDLoopbackPacket::allowedParentProtocols,
-                                     detail::kPXBSDLoopbackPacketIndex);
+                                                  &PXBSDLoopbackPacket::packetFromData,
+                                                  &PXBSDLoopbackPacket::allowedParentProtocols,
+                                                  detail::kPXBSDLoopbackPacketIndex);
 
 std::string PXBSDLoopbackPacket::payloadTypeName() const {
     switch (payloadType_) {

@@ -11,9 +11,10 @@ using detail::kEtherTypeARP;
 using detail::kEtherTypeIPv4;
 using detail::kEtherTypeIPv6;
 
-constinit PacketClass PXEthernetPacket::kClass("PXEthernetPacket", &PXPacket::staticClass(), &PXEthernetPacket::packetFromData,
-                                 &PXEthernetPacket::allowedParentProtocols,
-                                     detail::kPXEthernetPacketIndex);
+constinit PacketClass PXEthernetPacket::kClass("PXEthernetPacket", &PXPacket::staticClass(),
+                                               &PXEthernetPacket::packetFromData,
+                                               &PXEthernetPacket::allowedParentProtocols,
+                                               detail::kPXEthernetPacketIndex);
 
 std::string PXEthernetPacket::stringFromMACAddress(const std::uint8_t* a) {
     static constexpr char kHex[] = "0123456789abcdef";

@@ -6,8 +6,7 @@
 namespace wireloom {
 
 constinit PacketClass PXIPv4Packet::kClass("PXIPv4Packet", &PXPacket::staticClass(), &PXIPv4Packet::packetFromData,
-                                 &PXIPv4Packet::allowedParentProtocols,
-                                     detail::kPXIPv4PacketIndex);
+                                           &PXIPv4Packet::allowedParentProtocols, detail::kPXIPv4PacketIndex);
 
 std::string PXIPv4Packet::stringFromIPv4Address(const std::uint8_t* a) {
     return detail::stringWithFormat("%u.%u.%u.%u", a[0], a[1], a[2], a[3]);

@@ -25,9 +25,9 @@ std::optional<ExtensionStep> extensionStep(std::uint8_t type, std::uint8_t lengt
     // them as the wire means it.
     case 0:
     case 60: return ExtensionStep{8, lengthByte + 8u};
-    case 43: return ExtensionStep{8, lengthByte * 8u + 8u};  // routing
-    case 44: return ExtensionStep{8, 8};                     // fragment
-    case 51: return ExtensionStep{12, lengthByte * 4u + 8u}; // authentication
+    case 43: return ExtensionStep{8, lengthByte * 8u + 8u};   // routing
+    case 44: return ExtensionStep{8, 8};                      // fragment
+    case 51: return ExtensionStep{12, lengthByte * 4u + 8u};  // authentication
     default: return std::nullopt;
     }
 }
@@ -35,8 +35,7 @@ std::optional<ExtensionStep> extensionStep(std::uint8_t type, std::uint8_t lengt
 }  // namespace
 
 constinit PacketClass PXIPv6Packet::kClass("PXIPv6Packet", &PXPacket::staticClass(), &PXIPv6Packet::packetFromData,
-                                 &PXIPv6Packet::allowedParentProtocols,
-                                     detail::kPXIPv6PacketIndex);
+                                           &PXIPv6Packet::allowedParentProtocols, detail::kPXIPv6PacketIndex);
 
 std::string PXIPv6Packet::stringFromIPv6Address(const std::uint8_t* a) {
     std::string text;

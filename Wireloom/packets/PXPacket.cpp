@@ -95,8 +95,8 @@ std::int64_t floorSeconds(double timestamp) {
 PXPacket::PXPacket(const pcap_pkthdr& header)
     : timestamp_(static_cast<double>(header.ts.tv_sec) + static_cast<double>(header.ts.tv_usec) / 1000000.0) {}
 
-constinit PacketClass PXPacket::kClass("PXPacket", nullptr, &PXPacket::packetFromData, &PXPacket::allowedParentProtocols,
-                                     detail::kPXPacketIndex);
+constinit PacketClass PXPacket::kClass("PXPacket", nullptr, &PXPacket::packetFromData,
+                                       &PXPacket::allowedParentProtocols, detail::kPXPacketIndex);
 
 double PXPacket::timestamp() const noexcept {
     return encapsulatingPacket_ ? encapsulatingPacket_->timestamp() : timestamp_;

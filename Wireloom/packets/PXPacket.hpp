@@ -115,8 +115,8 @@ public:
                                          double timestamp, std::uint32_t lengthOnWire);
     static PXPacketPtr packetWithRawData(const ByteBuffer& data, std::initializer_list<const PacketClass*> classes,
                                          double timestamp, std::uint32_t lengthOnWire) {
-        return packetWithRawData(data, std::span<const PacketClass* const>(classes.begin(), classes.size()),
-                                 timestamp, lengthOnWire);
+        return packetWithRawData(data, std::span<const PacketClass* const>(classes.begin(), classes.size()), timestamp,
+                                 lengthOnWire);
     }
 
     // --- Navigation ---------------------------------------------------------

@@ -5,8 +5,7 @@
 namespace wireloom {
 
 constinit PacketClass PXRTPPacket::kClass("PXRTPPacket", &PXPacket::staticClass(), &PXRTPPacket::packetFromData,
-                                 &PXRTPPacket::allowedParentProtocols,
-                                     detail::kPXRTPPacketIndex);
+                                          &PXRTPPacket::allowedParentProtocols, detail::kPXRTPPacketIndex);
 
 PXPacketPtr PXRTPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
     if (data.size() < 12 || !parent) return nullptr;

@@ -25,8 +25,7 @@ std::optional<std::uint32_t> payloadSizeOf(const PXPacket& parent) {
 }  // namespace
 
 constinit PacketClass PXTCPPacket::kClass("PXTCPPacket", &PXPacket::staticClass(), &PXTCPPacket::packetFromData,
-                                 &PXTCPPacket::allowedParentProtocols,
-                                     detail::kPXTCPPacketIndex);
+                                          &PXTCPPacket::allowedParentProtocols, detail::kPXTCPPacketIndex);
 
 std::optional<PacketClassSet> PXTCPPacket::allowedParentProtocols() {
     return PacketClassSet{&PXIPv4Packet::staticClass(), &PXIPv6Packet::staticClass()};

@@ -7,8 +7,7 @@
 namespace wireloom {
 
 constinit PacketClass PXUDPPacket::kClass("PXUDPPacket", &PXPacket::staticClass(), &PXUDPPacket::packetFromData,
-                                 &PXUDPPacket::allowedParentProtocols,
-                                     detail::kPXUDPPacketIndex);
+                                          &PXUDPPacket::allowedParentProtocols, detail::kPXUDPPacketIndex);
 
 std::optional<PacketClassSet> PXUDPPacket::allowedParentProtocols() {
     return PacketClassSet{&PXIPv4Packet::staticClass(), &PXIPv6Packet::staticClass()};

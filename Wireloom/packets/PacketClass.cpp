@@ -29,5 +29,4 @@ bool PacketClassSet::contains(const PacketClass& cls) const noexcept {
     return index >= 0 && (bits_ >> index & 1) != 0;
 }
 
-
 }  // namespace wireloom

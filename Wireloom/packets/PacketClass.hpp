@@ -45,7 +45,7 @@ enum BuiltInPacketClass : int {
 };
 // The registered classes by index, filled once when the registry is built.
 inline const PacketClass* gRegisteredPacketClasses[kMaxPacketClasses] = {};
-}
+}  // namespace detail
 using PXPacketPtr = std::shared_ptr<PXPacket>;
 
 class PacketClass {

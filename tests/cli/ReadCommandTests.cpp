@@ -1,8 +1,8 @@
 // The wireloom command as a user runs it: exit statuses, messages, and the
 // output for the bundled samples compared with committed expected files
 // (tests/data/update-expected.sh writes them again after a deliberate change).
-#include "support/Paths.hpp"
 #include "support/FrameBuilder.hpp"
+#include "support/Paths.hpp"
 
 #include <gtest/gtest.h>
 
@@ -66,7 +66,9 @@ std::string withoutAddresses(const std::string& text) {
     return std::regex_replace(text, address, ": 0x?>");
 }
 
-std::size_t lineCount(const std::string& text) { return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')); }
+std::size_t lineCount(const std::string& text) {
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+}
 
 }  // namespace
 
@@ -110,10 +112,12 @@ TEST_F(ReadCommand, SamplesMatchTheirExpectedOutput) {
         fs::path capture = sourceDir() / "samples" / (std::string(sample) + ".pcap");
         CommandResult oneline = run("read " + capture.string());
         ASSERT_EQ(oneline.status, 0) << oneline.err;
-        EXPECT_EQ(withoutAddresses(oneline.out), slurp(sourceDir() / "tests" / "data" / (std::string(sample) + "-oneline.txt")))
+        EXPECT_EQ(withoutAddresses(oneline.out),
+                  slurp(sourceDir() / "tests" / "data" / (std::string(sample) + "-oneline.txt")))
             << sample;
         CommandResult summary = run("read " + capture.string() + " --format none");
         ASSERT_EQ(summary.status, 0) << summary.err;
-        EXPECT_EQ(summary.out, slurp(sourceDir() / "tests" / "data" / (std::string(sample) + "-summary.txt"))) << sample;
+        EXPECT_EQ(summary.out, slurp(sourceDir() / "tests" / "data" / (std::string(sample) + "-summary.txt")))
+            << sample;
     }
 }

@@ -1,8 +1,8 @@
 // wireloom read on a capture that tcpdump made of real traffic: curl asking
 // python's http.server on the loopback interface. Needs root (to capture),
 // tcpdump, curl and python3; skips with the reason otherwise.
-#include "support/Paths.hpp"
 #include <gtest/gtest.h>
+#include "support/Paths.hpp"
 
 #include <unistd.h>
 
@@ -62,12 +62,13 @@ TEST(RealLoopbackCapture, ReadDecodesCurlTalkingToHttpServer) {
     const int port = 18000 + getpid() % 2000;
     const std::string capture = (dir / "lo.pcap").string();
 
-    const std::string serverPid = spawn(
-        "python3 -u -m http.server " + std::to_string(port) + " --bind 127.0.0.1 --directory " + dir.string(),
-        dir / "server.log");
+    const std::string serverPid =
+        spawn("python3 -u -m http.server " + std::to_string(port) + " --bind 127.0.0.1 --directory " + dir.string(),
+              dir / "server.log");
     // -Z root: tcpdump would otherwise drop to its own user, who cannot write here.
     const std::string dumpPid =
-        spawn("tcpdump -Z root --immediate-mode -i lo -U -w " + capture + " tcp port " + std::to_string(port), dir / "tcpdump.log");
+        spawn("tcpdump -Z root --immediate-mode -i lo -U -w " + capture + " tcp port " + std::to_string(port),
+              dir / "tcpdump.log");
     // Both say when they are ready.
     waitFor(dir / "server.log", "Serving HTTP");
     waitFor(dir / "tcpdump.log", "listening on");
@@ -82,8 +83,8 @@ TEST(RealLoopbackCapture, ReadDecodesCurlTalkingToHttpServer) {
     EXPECT_NE(lines.find("(Eth) MAC 00:00:00:00:00:00 => 00:00:00:00:00:00, proto 0x0800"), std::string::npos) << lines;
     EXPECT_NE(lines.find("addr 127.0.0.1 => 127.0.0.1"), std::string::npos) << lines;
     EXPECT_NE(lines.find("->" + std::to_string(port) + ", seq"), std::string::npos) << lines;
-    EXPECT_NE(lines.find("ack:0, syn:1, fin: 0"), std::string::npos) << lines;   // the SYN
-    EXPECT_NE(lines.find("ack:1, syn:0, fin: 1"), std::string::npos) << lines;   // a FIN
+    EXPECT_NE(lines.find("ack:0, syn:1, fin: 0"), std::string::npos) << lines;  // the SYN
+    EXPECT_NE(lines.find("ack:1, syn:0, fin: 1"), std::string::npos) << lines;  // a FIN
     // curl's request and the server's answer each travel as data segments.
     const std::regex request("\\(TCP\\) size ([1-9][0-9]+) bytes, port [0-9]+->" + std::to_string(port));
     const std::regex answer("\\(TCP\\) size ([1-9][0-9]*) bytes, port " + std::to_string(port) + "->");

@@ -30,8 +30,8 @@ TEST(Log, SinkSeesEveryLevelFormatted) {
 
 TEST(Value, HoldsEachKindAndAnswersNothingForOthers) {
     auto flow = std::make_shared<Flow>();
-    UserInfo info{{"flow", flow}, {"reason", "Timeout"}, {"count", 3}, {"chunk", ByteBuffer::fromString("ab")},
-                  {"done", true}, {"ratio", 0.5}, {"none", Value()}};
+    UserInfo info{{"flow", flow}, {"reason", "Timeout"}, {"count", 3},     {"chunk", ByteBuffer::fromString("ab")},
+                  {"done", true}, {"ratio", 0.5},        {"none", Value()}};
     EXPECT_EQ(info.at("flow").object<Flow>(), flow);
     EXPECT_FALSE(info.at("flow").object<Capture>());  // a different class is not a match
     EXPECT_EQ(info.at("flow").object(), flow);

@@ -17,8 +17,8 @@ protected:
     // Records "<observer tag>:<notification name>" for each call.
     void observe(const void* observer, const std::string& name, const std::string& tag,
                  const Object* sender = nullptr) {
-        center.addObserver(observer, name, [this, tag](const Notification& n) { calls.push_back(tag + ":" + n.name); },
-                           sender);
+        center.addObserver(
+            observer, name, [this, tag](const Notification& n) { calls.push_back(tag + ":" + n.name); }, sender);
     }
 
     NotificationCenter center;

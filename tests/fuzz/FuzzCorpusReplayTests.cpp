@@ -1,8 +1,8 @@
 // Replays every kept fuzz input (the seed corpus and each input that once
 // crashed a decoder) through the same entry point the fuzzer uses, so the
 // unit tests, and their sanitizer build, guard against regressions.
-#include "support/Paths.hpp"
 #include <gtest/gtest.h>
+#include "support/Paths.hpp"
 
 #include <cstdint>
 #include <cstdlib>

@@ -13,8 +13,8 @@ const IPv6Address kLinkLocal = ip6("fe80::1");
 const IPv6Address kDocumentation = ip6("2001:db8::5");
 
 Bytes tcpSegment(const Bytes& payload = bytesOf("abc")) {
-    return tcp({.sourcePort = 443, .destPort = 50000, .seq = 7, .ack = 9, .flags = kTcpSyn | kTcpFin,
-                .payload = payload});
+    return tcp(
+        {.sourcePort = 443, .destPort = 50000, .seq = 7, .ack = 9, .flags = kTcpSyn | kTcpFin, .payload = payload});
 }
 
 Bytes v6Frame(std::uint8_t nextHeader, const Bytes& payload, std::optional<std::uint16_t> payloadLength = {}) {
@@ -59,9 +59,9 @@ TEST(IPv4, ProtocolsWithoutDecoderEndTheChain) {
     Bytes icmp = ethernet(kMacB, kMacA, kEtherTypeIPv4, ipv4(kClient4, kServer4, 1, Bytes(8, 0)));
     EXPECT_EQ(layerNames(decode(icmp)).back(), "PXIPv4Packet");
     // IPv6 in IPv4 continues into the inner header.
-    Bytes tunnel = ethernet(kMacB, kMacA, kEtherTypeIPv4,
-                            ipv4(kClient4, kServer4, kProtoIPv6,
-                                 ipv6(kLinkLocal, kDocumentation, kProtoUDP, udp(1, 2, bytesOf("in")))));
+    Bytes tunnel = ethernet(
+        kMacB, kMacA, kEtherTypeIPv4,
+        ipv4(kClient4, kServer4, kProtoIPv6, ipv6(kLinkLocal, kDocumentation, kProtoUDP, udp(1, 2, bytesOf("in")))));
     EXPECT_EQ(layerNames(decode(tunnel)),
               (std::vector<std::string>{"PXEthernetPacket", "PXIPv4Packet", "PXIPv6Packet", "PXUDPPacket"}));
 }
@@ -72,7 +72,7 @@ TEST(IPv6, AddressTextFollowsTheLibraryRule) {
     EXPECT_EQ(text("fe80::1"), "fe80::1");
     EXPECT_EQ(text("2001:db8::"), "201:db8:");
     EXPECT_EQ(text("::"), "");
-    EXPECT_EQ(text("1:0:0:2:0:0:0:3"), "1::2::3");   // every zero run compressed
+    EXPECT_EQ(text("1:0:0:2:0:0:0:3"), "1::2::3");  // every zero run compressed
     EXPECT_EQ(text("ff02::fb"), "ff2::fb");
     EXPECT_EQ(text("fe80::a00:27ff:fe4e:66a1"), "fe80::a0:27ff:fe4e:66a1");
 }
@@ -84,8 +84,9 @@ TEST(IPv6, DecodesTransportAndSizes) {
     EXPECT_EQ(ip->payloadSize(), 23u);
     EXPECT_EQ(ip->sourceAddress(), "fe80::1");
     EXPECT_EQ(ip->destAddress(), "201:db8::5");
-    EXPECT_EQ(ip->description().rfind("(IPv6) size 23 bytes, addr fe80::1 => 201:db8::5, proto 0x06 - <PXIPv6Packet: 0x", 0),
-              0u);
+    EXPECT_EQ(
+        ip->description().rfind("(IPv6) size 23 bytes, addr fe80::1 => 201:db8::5, proto 0x06 - <PXIPv6Packet: 0x", 0),
+        0u);
     EXPECT_EQ(std::static_pointer_cast<PXTCPPacket>(packet)->payload().stringView(), "abc");
 }
 
@@ -156,8 +157,8 @@ TEST(UDP, PayloadFollowsTheLengthField) {
     EXPECT_EQ(padded->payload().stringView(), "ab");  // Ethernet padding excluded
     EXPECT_EQ(padded->description(), "(UDP) size 2 bytes, ports 53=>40000");
 
-    EXPECT_EQ(decodeUDP(udp(1, 2, bytesOf("abcd"), 4))->payloadSize(), 0u);     // length below the header
-    EXPECT_EQ(decodeUDP(udp(1, 2, bytesOf("abcd"), 200))->payloadSize(), 0u);   // longer than captured
+    EXPECT_EQ(decodeUDP(udp(1, 2, bytesOf("abcd"), 4))->payloadSize(), 0u);    // length below the header
+    EXPECT_EQ(decodeUDP(udp(1, 2, bytesOf("abcd"), 200))->payloadSize(), 0u);  // longer than captured
     EXPECT_TRUE(decodeUDP(udp(1, 2, bytesOf("abcd"), 200))->payload().empty());
 }
 
@@ -171,19 +172,23 @@ TEST(TCP, HeaderLengthAndPayloadBounds) {
     EXPECT_EQ(empty->payloadSize(), 0u);
     EXPECT_TRUE(empty->payload().empty());
 
-    auto withOptions = segmentIn(tcp({.sourcePort = 1, .destPort = 2, .payload = bytesOf("data"), .options = Bytes(12, 1)}));
+    auto withOptions =
+        segmentIn(tcp({.sourcePort = 1, .destPort = 2, .payload = bytesOf("data"), .options = Bytes(12, 1)}));
     EXPECT_EQ(withOptions->payload().stringView(), "data");
 
     // A data offset larger than the IP payload leaves no payload; one below 5
     // is not rejected.
-    EXPECT_EQ(segmentIn(tcp({.sourcePort = 1, .destPort = 2, .payload = bytesOf("data"), .dataOffset = 15}))->payloadSize(),
-              0u);
-    EXPECT_EQ(segmentIn(tcp({.sourcePort = 1, .destPort = 2, .payload = bytesOf("data"), .dataOffset = 2}))->payloadSize(),
-              16u);
+    EXPECT_EQ(
+        segmentIn(tcp({.sourcePort = 1, .destPort = 2, .payload = bytesOf("data"), .dataOffset = 15}))->payloadSize(),
+        0u);
+    EXPECT_EQ(
+        segmentIn(tcp({.sourcePort = 1, .destPort = 2, .payload = bytesOf("data"), .dataOffset = 2}))->payloadSize(),
+        16u);
     // Fewer than 20 bytes: no TCP layer.
     Bytes shortSegment = tcpSegment({});
     shortSegment.resize(19);
-    EXPECT_EQ(layerNames(decode(ethernet(kMacB, kMacA, kEtherTypeIPv4, ipv4(kClient4, kServer4, kProtoTCP, shortSegment))))
-                  .back(),
-              "PXIPv4Packet");
+    EXPECT_EQ(
+        layerNames(decode(ethernet(kMacB, kMacA, kEtherTypeIPv4, ipv4(kClient4, kServer4, kProtoTCP, shortSegment))))
+            .back(),
+        "PXIPv4Packet");
 }

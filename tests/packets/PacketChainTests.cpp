@@ -12,8 +12,12 @@ namespace {
 Bytes httpSegment() {
     return ethernet(kMacB, kMacA, kEtherTypeIPv4,
                     ipv4(kClient4, kServer4, kProtoTCP,
-                         tcp({.sourcePort = 49152, .destPort = 80, .seq = 1000, .ack = 2000,
-                              .flags = kTcpAck | kTcpPsh, .payload = bytesOf("GET / HTTP/1.1\r\n\r\n")})));
+                         tcp({.sourcePort = 49152,
+                              .destPort = 80,
+                              .seq = 1000,
+                              .ack = 2000,
+                              .flags = kTcpAck | kTcpPsh,
+                              .payload = bytesOf("GET / HTTP/1.1\r\n\r\n")})));
 }
 
 // A class two steps below PXPacket, which the directed decoder refuses.
@@ -67,11 +71,15 @@ TEST(PacketChain, EthernetIPv4TCPDecodesEveryLayerAndField) {
 TEST(PacketChain, DescriptionsKeepTheirFormats) {
     PXPacketPtr packet = decode(httpSegment());
     auto text = [&](const PacketClass& cls) { return packet->packetWithProtocol(cls)->description(); };
-    EXPECT_EQ(text(PXTCPPacket::staticClass()).rfind("(TCP) size 18 bytes, port 49152->80, seq 1000 bytes, "
-                                                     "ack 2000 bytes, ack:1, syn:0, fin: 0 - <PXTCPPacket: 0x", 0),
+    EXPECT_EQ(text(PXTCPPacket::staticClass())
+                  .rfind("(TCP) size 18 bytes, port 49152->80, seq 1000 bytes, "
+                         "ack 2000 bytes, ack:1, syn:0, fin: 0 - <PXTCPPacket: 0x",
+                         0),
               0u);
-    EXPECT_EQ(text(PXIPv4Packet::staticClass()).rfind("(IPv4) size 38 bytes, addr 192.168.1.10 => 93.184.216.34 - "
-                                                      "<PXIPv4Packet: 0x", 0),
+    EXPECT_EQ(text(PXIPv4Packet::staticClass())
+                  .rfind("(IPv4) size 38 bytes, addr 192.168.1.10 => 93.184.216.34 - "
+                         "<PXIPv4Packet: 0x",
+                         0),
               0u);
     EXPECT_EQ(text(PXEthernetPacket::staticClass())
                   .rfind("(Eth) MAC 02:00:5e:10:00:01 => 02:00:5e:10:00:02, proto 0x0800 - <PXEthernetPacket: 0x", 0),
@@ -152,14 +160,14 @@ TEST(PacketChain, UDPLeadsNowhereButMulticastDNS) {
 
 TEST(DirectedDecoder, DecodesRTPFromTheListedClasses) {
     Bytes rtpBytes = {0x82, 0x60, 0x12, 0x34, 0, 0, 0x10, 0, 0xde, 0xad, 0xbe, 0xef,  // CSRC count 2
-                      1, 1, 1, 1, 2, 2, 2, 2, 'm', 'e', 'd', 'i', 'a'};
-    Bytes frame = ethernet(kMacB, kMacA, kEtherTypeIPv4, ipv4(kClient4, kServer4, kProtoUDP, udp(5004, 5006, rtpBytes)));
+                      1,    1,    1,    1,    2, 2, 2,    2, 'm',  'e',  'd',  'i',  'a'};
+    Bytes frame =
+        ethernet(kMacB, kMacA, kEtherTypeIPv4, ipv4(kClient4, kServer4, kProtoUDP, udp(5004, 5006, rtpBytes)));
     ByteBuffer buffer = ByteBuffer::copy(frame.data(), frame.size());
-    PXPacketPtr packet =
-        PXPacket::packetWithRawData(buffer,
-                                    {&PXRTPPacket::staticClass(), &PXUDPPacket::staticClass(),
-                                     &PXIPv4Packet::staticClass(), &PXEthernetPacket::staticClass()},
-                                    12.5, 1000);
+    PXPacketPtr packet = PXPacket::packetWithRawData(buffer,
+                                                     {&PXRTPPacket::staticClass(), &PXUDPPacket::staticClass(),
+                                                      &PXIPv4Packet::staticClass(), &PXEthernetPacket::staticClass()},
+                                                     12.5, 1000);
     auto rtp = std::dynamic_pointer_cast<PXRTPPacket>(packet);
     ASSERT_TRUE(rtp);
     EXPECT_EQ(rtp->sequenceNumber(), 0x1234);
@@ -205,7 +213,8 @@ TEST(DirectedDecoder, RefusesClassesNotDirectlyBelowPXPacket) {
     EXPECT_EQ(logged, std::vector<std::string>{"Error: Class PXTestUDPSubclass is not a subclass of PXPacket"});
 
     // The first class failing leaves the root.
-    PXPacketPtr root = PXPacket::packetWithRawData(ByteBuffer::copy(frame.data(), 3), {&PXUDPPacket::staticClass()}, 0, 0);
+    PXPacketPtr root =
+        PXPacket::packetWithRawData(ByteBuffer::copy(frame.data(), 3), {&PXUDPPacket::staticClass()}, 0, 0);
     ASSERT_TRUE(root);
     EXPECT_FALSE(root->encapsulatingPacket());
 }
@@ -214,7 +223,7 @@ TEST(Navigation, PacketWithProtocolMatchesSubclassesOutward) {
     PXPacketPtr packet = decode(httpSegment());
     EXPECT_EQ(packet->packetWithProtocol(PXPacket::staticClass()), packet);  // every layer is a PXPacket
     auto ip = packet->packetWithProtocol<PXIPv4Packet>();
-    EXPECT_FALSE(ip->packetWithProtocol(PXTCPPacket::staticClass()));     // never looks inward
+    EXPECT_FALSE(ip->packetWithProtocol(PXTCPPacket::staticClass()));  // never looks inward
     EXPECT_FALSE(packet->packetWithProtocol(PXIPv6Packet::staticClass()));
     EXPECT_FALSE(packet->packetWithProtocol(PXTestUDPSubclass::staticClass()));
 }

@@ -1,8 +1,8 @@
 // The bundled samples: they are what the generator writes today, and every
 // frame of them, cut short at any length, still decodes into the layers that
 // fit.
-#include "support/Paths.hpp"
 #include "PacketTestSupport.hpp"
+#include "support/Paths.hpp"
 
 #include <gtest/gtest.h>
 
@@ -25,9 +25,7 @@ constexpr Sample kSamples[] = {{"demo.pcap", DLT_EN10MB}, {"demo-loopback.pcap",
 
 class Samples : public ::testing::Test {
 protected:
-    void SetUp() override {
-        directory_ = (sourceDir() / "samples").string() + "/";
-    }
+    void SetUp() override { directory_ = (sourceDir() / "samples").string() + "/"; }
     std::string directory_;
 };
 

@@ -3,8 +3,8 @@
 // addresses, ports, sequence numbers and payloads. The same captures must
 // also draw no warning from tshark, which checks the builders' checksums and
 // TCP arithmetic.
-#include "support/Paths.hpp"
 #include "PacketTestSupport.hpp"
+#include "support/Paths.hpp"
 #include "support/TcpConversation.hpp"
 
 #include <gtest/gtest.h>
@@ -24,12 +24,30 @@ using namespace wireloom::testing;
 namespace {
 
 // What is compared, in tshark's field names and in tshark's order.
-enum Field { number, ethSrc, ethDst, ipSrc, ipDst, ipv6Src, ipv6Dst, tcpSrcPort, tcpDstPort, tcpSeq, tcpAck, tcpLen,
-             tcpPayload, udpSrcPort, udpDstPort, udpLength, udpPayload, fieldCount };
+enum Field {
+    number,
+    ethSrc,
+    ethDst,
+    ipSrc,
+    ipDst,
+    ipv6Src,
+    ipv6Dst,
+    tcpSrcPort,
+    tcpDstPort,
+    tcpSeq,
+    tcpAck,
+    tcpLen,
+    tcpPayload,
+    udpSrcPort,
+    udpDstPort,
+    udpLength,
+    udpPayload,
+    fieldCount
+};
 constexpr std::array<const char*, fieldCount> kFieldNames{
-    "frame.number", "eth.src", "eth.dst", "ip.src", "ip.dst", "ipv6.src", "ipv6.dst", "tcp.srcport", "tcp.dstport",
-    "tcp.seq_raw", "tcp.ack_raw", "tcp.len", "tcp.payload", "udp.srcport", "udp.dstport", "udp.length",
-    "udp.payload"};
+    "frame.number", "eth.src",     "eth.dst",     "ip.src",      "ip.dst",      "ipv6.src",
+    "ipv6.dst",     "tcp.srcport", "tcp.dstport", "tcp.seq_raw", "tcp.ack_raw", "tcp.len",
+    "tcp.payload",  "udp.srcport", "udp.dstport", "udp.length",  "udp.payload"};
 using Row = std::array<std::string, fieldCount>;
 
 // tshark's output, one line a frame; stderr (its warning about running as
@@ -132,7 +150,8 @@ void expectDecodedAsTsharkDecodes(const std::string& path) {
 // malformed messages: anything tshark rates a warning or worse.
 void expectNoTsharkWarnings(const std::string& path) {
     const std::vector<std::string> flagged =
-        runTshark("-r '" + path + "' -o tcp.check_checksum:TRUE -o udp.check_checksum:TRUE -o ip.check_checksum:TRUE"
+        runTshark("-r '" + path +
+                  "' -o tcp.check_checksum:TRUE -o udp.check_checksum:TRUE -o ip.check_checksum:TRUE"
                   " -Y '_ws.expert.severity >= 0x600000' -T fields -e frame.number -e _ws.expert.message");
     for (const std::string& line : flagged) ADD_FAILURE() << path << " frame " << line;
 }
@@ -170,8 +189,9 @@ std::vector<Frame> ethernetMix() {
     add(ethernet(kMacB, kMacA, kEtherTypeIPv4,
                  ipv4(kClient4, kServer4, kProtoUDP, udp(123, 123, pattern(48, 'a')), withOptions)));
     // Short frames padded to Ethernet's minimum: the padding is not payload.
-    Bytes ack = ethernet(kMacB, kMacA, kEtherTypeIPv4,
-                         ipv4(kClient4, kServer4, kProtoTCP, tcp({.sourcePort = 1, .destPort = 2, .seq = 3, .ack = 4})));
+    Bytes ack =
+        ethernet(kMacB, kMacA, kEtherTypeIPv4,
+                 ipv4(kClient4, kServer4, kProtoTCP, tcp({.sourcePort = 1, .destPort = 2, .seq = 3, .ack = 4})));
     ack.resize(60, 0);
     add(ack);
     Bytes datagram = ethernet(kMacB, kMacA, kEtherTypeIPv4, ipv4(kClient4, kServer4, kProtoUDP, udp(7, 9, {1, 2})));
@@ -195,9 +215,9 @@ std::vector<Frame> loopbackMix() {
     TcpConversation tcp6(0, {{}, "::1", 52101}, {{}, "::1", 8080}, 3000, 4000);
     converse(tcp6, frames, clock);
     frames.push_back({clock + 0.001, loopback(kLoopbackIPv4, ipv4(ip4("127.0.0.1"), ip4("127.0.0.1"), kProtoUDP,
-                                                                   udp(53110, 8125, pattern(20, 'a'))))});
+                                                                  udp(53110, 8125, pattern(20, 'a'))))});
     frames.push_back({clock + 0.002, loopback(kLoopbackIPv6, ipv6(ip6("::1"), ip6("::1"), kProtoUDP,
-                                                                   udp(53111, 8125, pattern(20, 'a'))))});
+                                                                  udp(53111, 8125, pattern(20, 'a'))))});
     return frames;
 }
 

@@ -112,8 +112,7 @@ Bytes udp(std::uint16_t sourcePort, std::uint16_t destPort, const Bytes& payload
     return b;
 }
 
-Bytes ipv4(IPv4Address source, IPv4Address dest, std::uint8_t protocol, const Bytes& payload,
-           const IPv4Fields& f) {
+Bytes ipv4(IPv4Address source, IPv4Address dest, std::uint8_t protocol, const Bytes& payload, const IPv4Fields& f) {
     Bytes options = f.options;
     while (options.size() % 4) options.push_back(0);
     const std::size_t headerLength = 20 + options.size();
@@ -190,7 +189,7 @@ Bytes arpRequest(const Mac& sender, IPv4Address senderAddress, IPv4Address targe
     appendBE16(arp, 0x0800);  // IPv4
     arp.push_back(6);
     arp.push_back(4);
-    appendBE16(arp, 1);       // request
+    appendBE16(arp, 1);  // request
     append(arp, sender.data(), 6);
     append(arp, senderAddress.data(), 4);
     arp.insert(arp.end(), 6, 0);

@@ -58,8 +58,8 @@ struct TcpFields {
     std::uint32_t ack = 0;
     std::uint8_t flags = kTcpAck;
     Bytes payload;
-    Bytes options;                            // padded to whole words
-    std::optional<std::uint8_t> dataOffset;   // in words; default from options
+    Bytes options;                           // padded to whole words
+    std::optional<std::uint8_t> dataOffset;  // in words; default from options
     std::uint16_t window = 65535;
 };
 Bytes tcp(const TcpFields& fields);
@@ -69,8 +69,8 @@ Bytes udp(std::uint16_t sourcePort, std::uint16_t destPort, const Bytes& payload
           std::optional<std::uint16_t> lengthField = std::nullopt);
 
 struct IPv4Fields {
-    std::optional<std::uint8_t> ihl;            // in words; default from options
-    std::optional<std::uint16_t> totalLength;   // default: header + payload
+    std::optional<std::uint8_t> ihl;           // in words; default from options
+    std::optional<std::uint16_t> totalLength;  // default: header + payload
     std::uint8_t ttl = 64;
     std::uint16_t identification = 0;
     Bytes options;

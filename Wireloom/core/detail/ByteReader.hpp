@@ -21,8 +21,7 @@ namespace wireloom::detail {
 
 class ByteReader {
 public:
-    explicit ByteReader(std::span<const std::uint8_t> bytes) noexcept
-        : data_(bytes.data()), size_(bytes.size()) {}
+    explicit ByteReader(std::span<const std::uint8_t> bytes) noexcept : data_(bytes.data()), size_(bytes.size()) {}
     ByteReader(const std::uint8_t* data, std::size_t size) noexcept : data_(data), size_(size) {}
 
     explicit operator bool() const noexcept { return ok_; }
@@ -72,26 +71,38 @@ public:
     }
     // Copies n bytes into out; zero-fills and fails when they are not there.
     void readInto(void* out, std::size_t n) noexcept {
-        if (const std::uint8_t* p = readBytes(n)) std::memcpy(out, p, n);
-        else std::memset(out, 0, n);
+        if (const std::uint8_t* p = readBytes(n))
+            std::memcpy(out, p, n);
+        else
+            std::memset(out, 0, n);
     }
     void skip(std::size_t n) noexcept {
-        if (!has(n)) { fail<int>(); return; }
+        if (!has(n)) {
+            fail<int>();
+            return;
+        }
         offset_ += n;
     }
     // Moves the cursor to an absolute offset within the bytes.
     void seek(std::size_t at) noexcept {
-        if (at > size_) { fail<int>(); return; }
+        if (at > size_) {
+            fail<int>();
+            return;
+        }
         offset_ = at;
     }
 
 private:
     template <class T>
     static T fromBigEndian(T value) noexcept {
-        if constexpr (std::endian::native == std::endian::big || sizeof(T) == 1) return value;
-        else if constexpr (sizeof(T) == 2) return static_cast<T>(__builtin_bswap16(value));
-        else if constexpr (sizeof(T) == 4) return static_cast<T>(__builtin_bswap32(value));
-        else return static_cast<T>(__builtin_bswap64(value));
+        if constexpr (std::endian::native == std::endian::big || sizeof(T) == 1)
+            return value;
+        else if constexpr (sizeof(T) == 2)
+            return static_cast<T>(__builtin_bswap16(value));
+        else if constexpr (sizeof(T) == 4)
+            return static_cast<T>(__builtin_bswap32(value));
+        else
+            return static_cast<T>(__builtin_bswap64(value));
     }
 
     template <class T>

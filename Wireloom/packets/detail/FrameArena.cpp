@@ -51,8 +51,10 @@ void FrameArena::destroy() noexcept {
     const bool cacheable = cacheable_;
     this->~FrameArena();
     BlockCache& cache = tBlockCache;
-    if (cacheable && cache.count < kCachedBlocks) cache.blocks[cache.count++] = this;
-    else std::free(this);
+    if (cacheable && cache.count < kCachedBlocks)
+        cache.blocks[cache.count++] = this;
+    else
+        std::free(this);
 }
 
 }  // namespace wireloom::detail

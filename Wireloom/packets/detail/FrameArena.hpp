@@ -81,8 +81,10 @@ public:
         return static_cast<T*>(::operator new(n * sizeof(T)));
     }
     void deallocate(T* p, std::size_t) noexcept {
-        if (arena_->owns(p)) arena_->release();
-        else ::operator delete(p);  // unsized: clang does not enable sized deallocation by default
+        if (arena_->owns(p))
+            arena_->release();
+        else
+            ::operator delete(p);  // unsized: clang does not enable sized deallocation by default
     }
     FrameArena* arena() const noexcept { return arena_; }
     friend bool operator==(const FrameArenaAllocator& a, const FrameArenaAllocator& b) noexcept {
