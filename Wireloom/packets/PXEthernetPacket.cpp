@@ -19,9 +19,9 @@ constinit PacketClass PXEthernetPacket::kClass("PXEthernetPacket", &PXPacket::st
 std::string PXEthernetPacket::stringFromMACAddress(const std::uint8_t* a) {
     static constexpr char kHex[] = "0123456789abcdef";
     std::string text(17, ':');
-    for (int i = 0; i < 6; ++i) {
-        text[static_cast<std::size_t>(3 * i)] = kHex[a[i] >> 4];
-        text[static_cast<std::size_t>(3 * i + 1)] = kHex[a[i] & 0x0f];
+    for (std::size_t i = 0; i < 6; ++i) {
+        text[3 * i] = kHex[a[i] >> 4];
+        text[3 * i + 1] = kHex[a[i] & 0x0f];
     }
     return text;
 }

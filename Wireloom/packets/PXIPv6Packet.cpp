@@ -42,7 +42,7 @@ std::string PXIPv6Packet::stringFromIPv6Address(const std::uint8_t* a) {
     text.reserve(40);
     bool pendingZeros = false;
     char group[8];
-    for (int i = 0; i < 8; ++i) {
+    for (std::size_t i = 0; i < 8; ++i) {
         const unsigned high = a[2 * i];
         const unsigned low = a[2 * i + 1];
         if (high == 0 && low == 0) {
