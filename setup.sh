@@ -10,7 +10,7 @@ cd "$(dirname "$0")"
 
 PACKAGES=(
   build-essential cmake pkg-config clang libclang-rt-14-dev
-  libpcap-dev libssl-dev libasio-dev libgtest-dev libbenchmark-dev libtins-dev
+  libpcap-dev libssl-dev libasio-dev libgtest-dev libbenchmark-dev libtins-dev uuid-dev
   tshark tcpdump curl python3
 )
 JOBS=$(nproc)
