@@ -9,6 +9,9 @@
 #include <Wireloom/core/RunLoop.hpp>
 #include <Wireloom/core/Value.hpp>
 
+#include <Wireloom/text/AttributedString.hpp>
+#include <Wireloom/text/Color.hpp>
+
 #include <Wireloom/packets/PXBSDLoopbackPacket.hpp>
 #include <Wireloom/packets/PXEthernetPacket.hpp>
 #include <Wireloom/packets/PXIPv4Packet.hpp>
