@@ -11,6 +11,7 @@
 
 #include <Wireloom/text/AttributedString.hpp>
 #include <Wireloom/text/Color.hpp>
+#include <Wireloom/text/String+PXRV.hpp>
 #include <Wireloom/text/WLAttributedString.hpp>
 #include <Wireloom/text/WLColors.hpp>
 #include <Wireloom/text/WLToken.hpp>
