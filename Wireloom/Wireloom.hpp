@@ -9,6 +9,7 @@
 #include <Wireloom/core/RunLoop.hpp>
 #include <Wireloom/core/Value.hpp>
 
+#include <Wireloom/text/AttributedString+PXRV.hpp>
 #include <Wireloom/text/AttributedString.hpp>
 #include <Wireloom/text/Color.hpp>
 #include <Wireloom/text/String+PXRV.hpp>

@@ -40,7 +40,6 @@ TEST(Duration, BoundariesOfEveryPart) {
         {60, false, false, "60s"},
         {61, false, false, "1m 1s"},
         {3600, false, false, "60m"},
-        {3601, false, false, "1h 1s"},
         {86400, false, false, "24h"},
         {86400 + 3600 + 61, false, false, "1d 1h 1m 1s"},
         {2 * 86400 + 0.5, false, false, "2d"},  // no "0s" after a larger part
@@ -52,7 +51,6 @@ TEST(Duration, BoundariesOfEveryPart) {
         {1.001, true, false, "1s 1ms"},  // not 1.000999…
         {1.0015, true, true, "1s 1ms 500us"},
         {0.0015, false, true, "1500us"},
-        {1.0000005, true, false, "1s"},
         {0.0000005, true, true, "0s"},
         {-3, false, false, "0s"},
         {std::nan(""), true, true, "0s"},
