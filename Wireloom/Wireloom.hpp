@@ -17,6 +17,10 @@
 #include <Wireloom/text/WLColors.hpp>
 #include <Wireloom/text/WLToken.hpp>
 
+#include <Wireloom/report/PXReportAnalyzerEntry.hpp>
+#include <Wireloom/report/PXReportAnalyzerEntrySource.hpp>
+#include <Wireloom/report/PXReportAnalyzerUI.hpp>
+
 #include <Wireloom/packets/PXBSDLoopbackPacket.hpp>
 #include <Wireloom/packets/PXEthernetPacket.hpp>
 #include <Wireloom/packets/PXIPv4Packet.hpp>

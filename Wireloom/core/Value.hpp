@@ -35,6 +35,10 @@ public:
         : v_(std::static_pointer_cast<Object>(std::move(v))) {}
 
     bool isNull() const noexcept { return std::holds_alternative<std::monostate>(v_); }
+    // How reports print the value: strings as they are, numbers in decimal,
+    // booleans as 1 or 0, bytes as <hex in groups of four bytes>, objects by
+    // their description(), nothing as "(null)".
+    std::string description() const;
 
     // Each accessor answers null (or nothing) when the value is of another kind.
     const bool* boolean() const noexcept { return std::get_if<bool>(&v_); }

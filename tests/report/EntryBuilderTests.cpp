@@ -1,0 +1,115 @@
+// The builders: value kinds, missing values, counted titles with their
+// plural rule, error lines, paired fields, and hex dumps.
+#include <Wireloom/report/PXReportAnalyzerEntry.hpp>
+#include <Wireloom/text/WLColors.hpp>
+
+#include <gtest/gtest.h>
+
+using namespace wireloom;
+
+namespace {
+
+using Entry = PXReportAnalyzerEntry;
+
+class Described : public Object {
+    std::string description() const override { return "described"; }
+};
+
+std::vector<std::string> childTitles(const Entry::Ptr& entry) {
+    std::vector<std::string> titles;
+    if (auto children = entry->children())
+        for (const auto& child : *children) titles.push_back(child->plainTitle());
+    return titles;
+}
+
+}  // namespace
+
+TEST(EntryBuilders, ValueKindsFormatTheirValues) {
+    auto e = Entry::entry();
+    const std::uint64_t big = 0xfedcba9876543210ull;
+    struct Case {
+        Value value;
+        unsigned type;
+        const char* expected;
+    };
+    for (const Case& c :
+         {Case{big, 0, "k: 18364758544493064720"}, Case{5, 1, "k: 0x5"}, Case{5, 2, "k: 0x05"},
+          Case{0x800, 3, "k: 0x0800"}, Case{0x86dd, 4, "k: 0x000086dd"}, Case{big, 5, "k: 0xfedcba9876543210"},
+          Case{1.5, 6, "k: 1.500000"}, Case{"text", 7, "k: text"},
+          Case{std::make_shared<Described>(), 7, "k: described"}, Case{true, 9, "k: YES"}, Case{false, 9, "k: NO"},
+          Case{Value(), 0, "k: (null)"}, Case{Value(), 8, "k: (null)"}}) {
+        auto line = e->setValue(c.value, "k", c.type);
+        ASSERT_TRUE(line) << c.expected;
+        EXPECT_EQ(line->plainTitle(), c.expected);
+    }
+    EXPECT_EQ(e->setValue(1, "k", 10), nullptr);
+
+    // Keys in the key colour, values in the value colour, nulls in their own.
+    auto line = e->addLineWithKey("Source", "10.0.0.1");
+    EXPECT_EQ(line->title()->stringWithoutColorizedText(), ": ");
+    auto rendered = line->title()->attributedString();
+    EXPECT_EQ(rendered->attributesAt(0).foregroundColor, *WLColors::keyColorPointer());
+    EXPECT_EQ(rendered->attributesAt(8).foregroundColor, *WLColors::valueColorPointer());
+    rendered = e->addLineWithKey("Gone", Value())->title()->attributedString();
+    EXPECT_EQ(rendered->attributesAt(6).foregroundColor, *WLColors::nullValueColorPointer());
+}
+
+TEST(EntryBuilders, CountedTitlesAndThePluralRule) {
+    auto e = Entry::entry();
+    e->setTitleWithLabel(std::optional<std::string>("Payload"), 0, "byte");
+    EXPECT_EQ(e->plainTitle(), "Payload (0 bytes)");
+    e->setTitleWithLabel(std::optional<std::string>("Answers"), 1, "entry");
+    EXPECT_EQ(e->plainTitle(), "Answers (1 entry)");
+    e->setTitleWithLabel(std::nullopt, 3, "entry");
+    EXPECT_EQ(e->plainTitle(), "3 entries");
+    EXPECT_EQ(Entry::pluralOfUnit("day"), "days");
+    EXPECT_EQ(Entry::pluralOfUnit("key"), "keys");
+    EXPECT_EQ(Entry::pluralOfUnit("way"), "ways");
+    EXPECT_EQ(Entry::pluralOfUnit("awy"), "awies");  // w counts as a consonant, deliberately
+    // The coloured variant only ever appends "s".
+    e->setTitleWithLabel("Records", Color::red(), 2, "entry");
+    EXPECT_EQ(e->plainTitle(), "Records (2 entrys)");
+    EXPECT_EQ(e->title()->stringWithoutColorizedText(), " ( entrys)");
+}
+
+TEST(EntryBuildersDeathTest, UnitsMustBeSingular) {
+    auto e = Entry::entry();
+    EXPECT_DEATH(e->setTitleWithLabel(std::optional<std::string>("x"), 2, "bytes"), "Units must be singular");
+}
+
+TEST(EntryBuilders, ErrorLinesAndPairedFields) {
+    auto e = Entry::entry();
+    auto error = e->addLineWithErrorLabel("Parse", "bad header");
+    EXPECT_EQ(error->plainTitle(), "Parse: bad header");
+    EXPECT_EQ(error->title()->stringWithoutColorizedText(), "Parse: ");
+
+    auto fields = Entry::entry();
+    fields->addLinesWithValueKeyFields({Value("v1"), Value("k1"), Value("orphan")});
+    EXPECT_EQ(childTitles(fields), std::vector<std::string>{"k1: v1"});
+    auto section = fields->addLinesWithValueKeyFields({Value(1), Value("a"), Value(), Value("b")}, "Section");
+    EXPECT_EQ(section->plainTitle(), "Section");
+    EXPECT_EQ(childTitles(section), (std::vector<std::string>{"a: 1", "b: (null)"}));
+}
+
+TEST(EntryBuilders, HexDumpLayout) {
+    auto e = Entry::entry();
+    auto dump = e->addEntryWithData(ByteBuffer::fromString("GET / HTTP"), "Payload");
+    EXPECT_EQ(dump->plainTitle(), "Payload (10 bytes)");
+    EXPECT_EQ(childTitles(dump), (std::vector<std::string>{"0000 47455420 2f204854    GET / HT",
+                                                           "0008 5450" + std::string(17, ' ') + "TP"}));
+    EXPECT_TRUE(dump->children()->front()->displayUsingFixedPitchFont());
+    // Offset and dots grey, printable characters blue, hex plain.
+    auto line = dump->children()->front()->title();
+    EXPECT_EQ(line->stringWithoutColorizedText(), " 47455420 2f204854    ");
+
+    EXPECT_EQ(childTitles(e->addEntryWithData(ByteBuffer::copy("\x01\x41\x7f\x20", 4), "Four")),
+              std::vector<std::string>{"0000 01417f20" + std::string(1 + 8 + 4, ' ') + ".A. "});
+
+    auto empty = e->setValue(ByteBuffer(), "Payload", 8);
+    EXPECT_EQ(empty->plainTitle(), "Payload (0 bytes)");
+    EXPECT_EQ(empty->numChildren(), 0u);
+
+    std::vector<std::uint8_t> large(0x10008, 0);
+    auto wide = e->addEntryWithData(ByteBuffer::copy(large.data(), large.size()));
+    EXPECT_EQ(wide->children()->back()->plainTitle().substr(0, 6), "10000 ");
+}
