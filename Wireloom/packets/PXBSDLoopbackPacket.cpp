@@ -40,4 +40,12 @@ PXPacketPtr PXBSDLoopbackPacket::packetFromData(const ByteBuffer& data, const PX
     return packet;
 }
 
+std::shared_ptr<PXReportAnalyzerEntry> PXBSDLoopbackPacket::reportAnalyzerEntry() const {
+    auto entry = PXReportAnalyzerEntry::entry();
+    entry->setProtocolLayerAttributedName(WLAttributedString::stringWithFormat(WLTokenText, "Loopback ", WLTokenEnd));
+    entry->setValue(payloadType_, "Payload Type", 3);
+    entry->setValue(payloadTypeName(), "Payload Type", 7);
+    return entry;
+}
+
 }  // namespace wireloom

@@ -23,6 +23,7 @@ public:
     std::optional<PacketClassSet> restrictedChildProtocols() const override;
     static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
     std::string name() const override { return "Loopback Packet"; }
+    std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
 
 private:
     static PacketClass kClass;

@@ -4,6 +4,7 @@
 #include <Wireloom/packets/PXIPv4Packet.hpp>
 #include <Wireloom/packets/PXIPv6Packet.hpp>
 #include <Wireloom/packets/detail/LinkLayerChildren.hpp>
+#include <Wireloom/packets/detail/PacketEntryTitles.hpp>
 
 namespace wireloom {
 
@@ -57,6 +58,18 @@ PXPacketPtr PXEthernetPacket::packetFromData(const ByteBuffer& data, const PXPac
 std::string PXEthernetPacket::description() const {
     return detail::stringWithFormat("(Eth) MAC %s => %s, proto 0x%04x - %s", macSource().c_str(), macDest().c_str(),
                                     payloadType_, genericDescription().c_str());
+}
+
+std::shared_ptr<PXReportAnalyzerEntry> PXEthernetPacket::reportAnalyzerEntry() const {
+    auto entry = PXReportAnalyzerEntry::entry();
+    const std::string source = macSource(), dest = macDest();
+    entry->setProtocolLayerAttributedName(detail::addressTitle("Ethernet ", source, dest));
+    entry->setValue(source, "Source", 7);
+    entry->setValue(dest, "Destination", 7);
+    // The type twice under one label, deliberately: the number, then its name.
+    entry->setValue(payloadType_, "Payload Type", 3);
+    entry->setValue(payloadTypeName(), "Payload Type", 7);
+    return entry;
 }
 
 }  // namespace wireloom

@@ -2,6 +2,7 @@
 #include <Wireloom/core/detail/Format.hpp>
 #include <Wireloom/packets/PXIPv4Packet.hpp>
 #include <Wireloom/packets/detail/IPProtocols.hpp>
+#include <Wireloom/packets/detail/PacketEntryTitles.hpp>
 
 namespace wireloom {
 
@@ -51,6 +52,17 @@ PXPacketPtr PXIPv4Packet::packetFromData(const ByteBuffer& data, const PXPacketP
 std::string PXIPv4Packet::description() const {
     return detail::stringWithFormat("(IPv4) size %u bytes, addr %s => %s - %s", payloadSize_, sourceAddress().c_str(),
                                     destAddress().c_str(), genericDescription().c_str());
+}
+
+std::shared_ptr<PXReportAnalyzerEntry> PXIPv4Packet::reportAnalyzerEntry() const {
+    auto entry = PXReportAnalyzerEntry::entry();
+    const std::string source = sourceAddress(), dest = destAddress();
+    entry->setProtocolLayerAttributedName(detail::addressTitle("IPv4 ", source, dest));
+    entry->setValue(payloadSize_, "Payload Size", 0);
+    entry->setValue(headerSize_, "Header Size", 0);
+    entry->setValue(source, "Source", 7);
+    entry->setValue(dest, "Destination", 7);
+    return entry;
 }
 
 }  // namespace wireloom

@@ -2,6 +2,7 @@
 #include <Wireloom/core/detail/Format.hpp>
 #include <Wireloom/packets/PXIPv6Packet.hpp>
 #include <Wireloom/packets/detail/IPProtocols.hpp>
+#include <Wireloom/packets/detail/PacketEntryTitles.hpp>
 
 #include <cstdio>
 
@@ -100,6 +101,16 @@ std::string PXIPv6Packet::description() const {
     return detail::stringWithFormat("(IPv6) size %u bytes, addr %s => %s, proto 0x%02x - %s", payloadSize_,
                                     sourceAddress().c_str(), destAddress().c_str(), protocol_,
                                     genericDescription().c_str());
+}
+
+std::shared_ptr<PXReportAnalyzerEntry> PXIPv6Packet::reportAnalyzerEntry() const {
+    auto entry = PXReportAnalyzerEntry::entry();
+    const std::string source = sourceAddress(), dest = destAddress();
+    entry->setProtocolLayerAttributedName(detail::addressTitle("IPv6 ", source, dest));
+    entry->setValue(payloadSize_, "Payload Size", 0);
+    entry->setValue(source, "Source", 7);
+    entry->setValue(dest, "Destination", 7);
+    return entry;
 }
 
 }  // namespace wireloom

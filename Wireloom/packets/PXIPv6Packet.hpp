@@ -31,6 +31,7 @@ public:
     std::optional<PacketClassSet> restrictedChildProtocols() const override;
     static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
     std::string name() const override { return "IPv6 Packet"; }
+    std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
     std::string description() const override;
     std::optional<std::uint32_t> layerPayloadSize() const noexcept override { return payloadSize_; }
 

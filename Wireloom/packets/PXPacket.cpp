@@ -265,4 +265,13 @@ ByteBuffer PXPacket::pcapFileEntry() const {
     return entry.take();
 }
 
+std::shared_ptr<PXReportAnalyzerEntry> PXPacket::reportAnalyzerEntry() const {
+    auto entry = PXReportAnalyzerEntry::entry();
+    entry->setProtocolLayerName("Raw Capture");
+    entry->setValue(timestamp(), "Timestamp", 6);
+    entry->setValue(rawData(), "Captured Data", 8);
+    entry->setValue(lengthOnWire(), "Length on Wire", 0);
+    return entry;
+}
+
 }  // namespace wireloom

@@ -19,6 +19,7 @@
 #include <Wireloom/core/Object.hpp>
 #include <Wireloom/packets/PacketClass.hpp>
 #include <Wireloom/packets/detail/FrameArena.hpp>
+#include <Wireloom/report/PXReportAnalyzerEntry.hpp>
 
 #include <cstdint>
 #include <initializer_list>
@@ -75,6 +76,9 @@ public:
     // A plain packet recognises no bytes.
     static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
     virtual std::string name() const { return "Generic Packet"; }
+    // The layer as one report entry: a title and its labelled values. Every
+    // call builds a new entry.
+    virtual std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const;
 
     // Decoders create their packets with this: while a frame is decoded, the
     // packet lands in the frame's one heap block with the captured bytes.

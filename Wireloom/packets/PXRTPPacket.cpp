@@ -1,6 +1,8 @@
 #include <Wireloom/core/detail/ByteReader.hpp>
 #include <Wireloom/core/detail/Format.hpp>
 #include <Wireloom/packets/PXRTPPacket.hpp>
+#include <Wireloom/packets/PXUDPPacket.hpp>
+#include <Wireloom/packets/detail/PacketEntryTitles.hpp>
 
 namespace wireloom {
 
@@ -29,6 +31,21 @@ std::string PXRTPPacket::description() const {
     return detail::stringWithFormat("(RTP) size %u bytes, seq %u, timestamp %u, identifier 0x%x",
                                     static_cast<unsigned>(payload_.size()), sequenceNumber_, rtpTimestamp_,
                                     ssrcIdentifier_);
+}
+
+std::shared_ptr<PXReportAnalyzerEntry> PXRTPPacket::reportAnalyzerEntry() const {
+    auto entry = PXReportAnalyzerEntry::entry();
+    // The ports are the UDP layer's, the addresses its IP layer's.
+    const PXPacketPtr udpLayer = encapsulatingPacket();
+    const auto* udp = dynamic_cast<const PXUDPPacket*>(udpLayer.get());
+    const PXPacketPtr ip = udpLayer ? udpLayer->encapsulatingPacket() : nullptr;
+    detail::setTransportTitle(*entry, "RTP ", udp ? ip.get() : nullptr, udp ? udp->sourcePort() : 0,
+                              udp ? udp->destPort() : 0);
+    entry->setValue(sequenceNumber_, "Sequence", 0);
+    entry->setValue(rtpTimestamp_, "Timestamp", 0);
+    entry->setValue(ssrcIdentifier_, "Sync Source ID", 0);
+    entry->setValue(payload_, "Payload", 8);
+    return entry;
 }
 
 }  // namespace wireloom

@@ -33,6 +33,7 @@ public:
     std::optional<PacketClassSet> restrictedChildProtocols() const override { return PacketClassSet{}; }
     static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
     std::string name() const override { return "RTP Packet"; }
+    std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
     std::string description() const override;
     const ByteBuffer* layerPayload() const noexcept override { return &payload_; }
 

@@ -3,6 +3,7 @@
 #include <Wireloom/packets/PXIPv4Packet.hpp>
 #include <Wireloom/packets/PXIPv6Packet.hpp>
 #include <Wireloom/packets/PXTCPPacket.hpp>
+#include <Wireloom/packets/detail/PacketEntryTitles.hpp>
 
 #include <typeinfo>
 
@@ -62,6 +63,22 @@ std::string PXTCPPacket::description() const {
     return detail::stringWithFormat(
         "(TCP) size %u bytes, port %u->%u, seq %u bytes, ack %u bytes, ack:%d, syn:%d, fin: %d - %s", payloadSize_,
         sourcePort_, destPort_, seqNumber_, ackNumber_, ackFlag_, synFlag_, finFlag_, genericDescription().c_str());
+}
+
+std::shared_ptr<PXReportAnalyzerEntry> PXTCPPacket::reportAnalyzerEntry() const {
+    auto entry = PXReportAnalyzerEntry::entry();
+    const PXPacketPtr ip = encapsulatingPacket();
+    detail::setTransportTitle(*entry, "TCP ", ip.get(), sourcePort_, destPort_);
+    entry->setValue(sourcePort_, "Source Port", 0);
+    entry->setValue(destPort_, "Destination Port", 0);
+    entry->setValue(seqNumber_, "Seq", 0);
+    entry->setValue(ackNumber_, "Ack", 0);
+    entry->setValue(ackFlag_, "Ack Flag", 9);
+    entry->setValue(synFlag_, "Syn Flag", 9);
+    entry->setValue(finFlag_, "Fin Flag", 9);
+    entry->setValue(payloadSize_, "Payload Size", 0);
+    entry->setValue(payload_, "Payload", 8);
+    return entry;
 }
 
 }  // namespace wireloom

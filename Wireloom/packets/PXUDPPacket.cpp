@@ -3,6 +3,7 @@
 #include <Wireloom/packets/PXIPv4Packet.hpp>
 #include <Wireloom/packets/PXIPv6Packet.hpp>
 #include <Wireloom/packets/PXUDPPacket.hpp>
+#include <Wireloom/packets/detail/PacketEntryTitles.hpp>
 
 namespace wireloom {
 
@@ -36,6 +37,17 @@ PXPacketPtr PXUDPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
 
 std::string PXUDPPacket::description() const {
     return detail::stringWithFormat("(UDP) size %u bytes, ports %u=>%u", payloadSize_, sourcePort_, destPort_);
+}
+
+std::shared_ptr<PXReportAnalyzerEntry> PXUDPPacket::reportAnalyzerEntry() const {
+    auto entry = PXReportAnalyzerEntry::entry();
+    const PXPacketPtr ip = encapsulatingPacket();
+    detail::setTransportTitle(*entry, "UDP ", ip.get(), sourcePort_, destPort_);
+    entry->setValue(sourcePort_, "Source Port", 0);
+    entry->setValue(destPort_, "Destination Port", 0);
+    entry->setValue(payloadSize_, "Payload Size", 0);
+    entry->setValue(payload_, "Payload", 8);
+    return entry;
 }
 
 }  // namespace wireloom
