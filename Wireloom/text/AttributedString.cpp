@@ -113,7 +113,10 @@ std::string AttributedString::ansiText() const {
     for (const Run& run : runs_) {
         const TextAttributes& a = run.attributes;
         std::string codes;
-        if (a.foregroundColor) {
+        // The standard black is the text colour of a light page; a terminal
+        // may well be dark, so black text is left in the terminal's own
+        // default colour rather than made invisible.
+        if (a.foregroundColor && a.foregroundColor != Color::black()) {
             auto [r, g, b] = a.foregroundColor->rgb8();
             codes += "38;2;" + std::to_string(r) + ';' + std::to_string(g) + ';' + std::to_string(b);
         }

@@ -43,6 +43,11 @@ TEST(AttributedString, RendersAnsiAndEscapedHtml) {
     s.append("\"x'", {Color::calibratedGreen(), 1, true});
     EXPECT_EQ(s.plainText(), "a<b & \"x'");
     EXPECT_EQ(s.ansiText(), "\x1b[38;2;255;0;0ma<b\x1b[0m & \x1b[38;2;0;178;0;9;4m\"x'\x1b[0m");
+    // The standard black stays the terminal's default colour (dark terminals);
+    // a black made separately is still drawn.
+    AttributedString keys("key", {Color::black()});
+    keys.append("!", {Color::calibratedRGB(0, 0, 0)});
+    EXPECT_EQ(keys.ansiText(), "key\x1b[38;2;0;0;0m!\x1b[0m");
     EXPECT_EQ(s.htmlText(),
               "<span style=\"color:#ff0000\">a&lt;b</span> &amp; "
               "<span style=\"color:#00b200;text-decoration:line-through underline\">&quot;x&#39;</span>");
