@@ -11,7 +11,7 @@ cd "$(dirname "$0")"
 PACKAGES=(
   build-essential cmake pkg-config clang libclang-rt-14-dev
   libpcap-dev libssl-dev libasio-dev libgtest-dev libbenchmark-dev libtins-dev uuid-dev
-  tshark tcpdump curl python3
+  tshark tcpdump curl python3 nlohmann-json3-dev
 )
 JOBS=$(nproc)
 

@@ -1,9 +1,11 @@
-// wireloom read FILE [--format oneline|none]
+// wireloom read FILE [--format tree|json|oneline|none] [--color auto|always|never]
 #include "Commands.hpp"
+#include "EntryOutput.hpp"
 
 #include <Wireloom/Wireloom.hpp>
 
 #include <pcap/pcap.h>
+#include <unistd.h>
 
 #include <map>
 #include <optional>
@@ -12,29 +14,54 @@ namespace wireloom::cli {
 
 namespace {
 
-enum class Format { OneLine, None };
+enum class Format { Tree, Json, OneLine, None };
+enum class ColorMode { Auto, Always, Never };
 
 struct ReadOptions {
     std::string path;
-    Format format = Format::OneLine;
+    Format format = Format::Tree;
+    ColorMode color = ColorMode::Auto;
 };
+
+// The value after an option, or nothing (with a message) when it is missing.
+const std::string* optionValue(const std::vector<std::string>& args, std::size_t& i, std::FILE* err) {
+    if (i + 1 == args.size()) {
+        std::fprintf(err, "wireloom: %s needs a value\n", args[i].c_str());
+        return nullptr;
+    }
+    return &args[++i];
+}
 
 std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args, std::FILE* err) {
     ReadOptions options;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
         if (arg == "--format") {
-            if (i + 1 == args.size()) {
-                std::fprintf(err, "wireloom: --format needs a value\n");
-                return std::nullopt;
-            }
-            const std::string& value = args[++i];
-            if (value == "oneline")
+            const std::string* value = optionValue(args, i, err);
+            if (!value) return std::nullopt;
+            if (*value == "tree")
+                options.format = Format::Tree;
+            else if (*value == "json")
+                options.format = Format::Json;
+            else if (*value == "oneline")
                 options.format = Format::OneLine;
-            else if (value == "none")
+            else if (*value == "none")
                 options.format = Format::None;
             else {
-                std::fprintf(err, "wireloom: unknown format '%s'\n", value.c_str());
+                std::fprintf(err, "wireloom: unknown format '%s'\n", value->c_str());
+                return std::nullopt;
+            }
+        } else if (arg == "--color") {
+            const std::string* value = optionValue(args, i, err);
+            if (!value) return std::nullopt;
+            if (*value == "auto")
+                options.color = ColorMode::Auto;
+            else if (*value == "always")
+                options.color = ColorMode::Always;
+            else if (*value == "never")
+                options.color = ColorMode::Never;
+            else {
+                std::fprintf(err, "wireloom: unknown colour mode '%s'\n", value->c_str());
                 return std::nullopt;
             }
         } else if (arg.size() > 1 && arg[0] == '-') {
@@ -70,6 +97,24 @@ void printOneLine(std::FILE* out, std::uint64_t number, const PXPacket& innermos
     std::fputc('\n', out);
 }
 
+// Each layer's entry, outermost first, then a blank line between frames.
+void printTree(std::FILE* out, std::uint64_t number, const PXPacket& innermost, bool color, std::string& buffer) {
+    buffer.clear();
+    if (number > 1) buffer += '\n';
+    for (const auto& entry : layerEntries(innermost)) appendEntryText(buffer, *entry, color);
+    std::fwrite(buffer.data(), 1, buffer.size(), out);
+}
+
+// {"frame": N, "timestamp": T, "layers": [...]} on one line.
+void printJSON(std::FILE* out, std::uint64_t number, const PXPacket& innermost) {
+    nlohmann::json layers = nlohmann::json::array();
+    for (const auto& entry : layerEntries(innermost)) layers.push_back(entryJSON(*entry));
+    nlohmann::json frame = {{"frame", number}, {"timestamp", innermost.timestamp()}, {"layers", std::move(layers)}};
+    std::string line = frame.dump();
+    line += '\n';
+    std::fwrite(line.data(), 1, line.size(), out);
+}
+
 }  // namespace
 
 int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE* err) {
@@ -86,12 +131,19 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
         return kExitFailure;
     }
 
+    const bool color = options->color == ColorMode::Always ||
+                       (options->color == ColorMode::Auto && out == stdout && isatty(STDOUT_FILENO));
+    std::string buffer;
     std::uint64_t frames = 0;
     // Frames whose chain reaches each layer class, by registry position.
     std::map<int, std::uint64_t> framesPerClass;
     while (PXPacketPtr packet = file->nextPacket(&error)) {
         ++frames;
-        if (options->format == Format::OneLine) {
+        if (options->format == Format::Tree) {
+            printTree(out, frames, *packet, color, buffer);
+        } else if (options->format == Format::Json) {
+            printJSON(out, frames, *packet);
+        } else if (options->format == Format::OneLine) {
             printOneLine(out, frames, *packet);
         } else {
             for (const PXPacket* p = packet.get(); p->encapsulatingPacket(); p = p->encapsulatingPacket().get())

@@ -7,11 +7,14 @@ using namespace wireloom::cli;
 
 void wireloom::cli::printUsage(std::FILE* to) {
     std::fputs(
-        "usage: wireloom read FILE [--format oneline|none]\n"
+        "usage: wireloom read FILE [--format tree|json|oneline|none] [--color auto|always|never]\n"
         "\n"
         "  read    decode every frame of a capture file (pcap or pcapng)\n"
-        "          --format oneline  one line per frame: number, time, each layer (default)\n"
-        "          --format none     decode everything, print only a summary\n",
+        "          --format tree     each layer as its report entries, indented (default)\n"
+        "          --format json     one JSON object per frame and line\n"
+        "          --format oneline  one line per frame: number, time, each layer\n"
+        "          --format none     decode everything, print only a summary\n"
+        "          --color           colours in tree output: auto (on a terminal), always, never\n",
         to);
 }
 

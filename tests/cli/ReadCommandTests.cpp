@@ -100,7 +100,7 @@ TEST_F(ReadCommand, TruncatedFilePrintsWholeFramesThenTheError) {
     Bytes frame = arpRequest(kMacA, ip4("10.0.0.1"), ip4("10.0.0.2"));
     ASSERT_TRUE(writePcap(cut.string(), 1, {{1, frame, 0}, {2, frame, 0}, {3, frame, 0}}));
     fs::resize_file(cut, fs::file_size(cut) - 7);
-    CommandResult r = run("read " + cut.string());
+    CommandResult r = run("read " + cut.string() + " --format oneline");
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(lineCount(r.out), 2u);
     EXPECT_EQ(r.out.rfind("1 1.000000 (Eth) MAC 02:00:5e:10:00:01 => ff:ff:ff:ff:ff:ff, proto 0x0806", 0), 0u) << r.out;
@@ -109,15 +109,23 @@ TEST_F(ReadCommand, TruncatedFilePrintsWholeFramesThenTheError) {
 
 TEST_F(ReadCommand, SamplesMatchTheirExpectedOutput) {
     for (const char* sample : {"demo", "demo-loopback"}) {
-        fs::path capture = sourceDir() / "samples" / (std::string(sample) + ".pcap");
-        CommandResult oneline = run("read " + capture.string());
-        ASSERT_EQ(oneline.status, 0) << oneline.err;
-        EXPECT_EQ(withoutAddresses(oneline.out),
-                  slurp(sourceDir() / "tests" / "data" / (std::string(sample) + "-oneline.txt")))
-            << sample;
-        CommandResult summary = run("read " + capture.string() + " --format none");
-        ASSERT_EQ(summary.status, 0) << summary.err;
-        EXPECT_EQ(summary.out, slurp(sourceDir() / "tests" / "data" / (std::string(sample) + "-summary.txt")))
-            << sample;
+        const fs::path capture = sourceDir() / "samples" / (std::string(sample) + ".pcap");
+        const fs::path expected = sourceDir() / "tests" / "data";
+        for (const char* format : {"tree", "json", "oneline", "none"}) {
+            CommandResult r = run("read " + capture.string() + " --format " + format);
+            ASSERT_EQ(r.status, 0) << r.err;
+            EXPECT_EQ(withoutAddresses(r.out), slurp(expected / (std::string(sample) + "-" + format + ".txt")))
+                << sample << " " << format;
+        }
+        // Tree is the default, and without a terminal it has no colours.
+        EXPECT_EQ(run("read " + capture.string()).out, run("read " + capture.string() + " --format tree").out);
     }
+}
+
+TEST_F(ReadCommand, ColoursOnlyWhereAsked) {
+    const std::string capture = (sourceDir() / "samples" / "demo.pcap").string();
+    EXPECT_NE(run("read " + capture + " --color always").out.find("\x1b[38;2;"), std::string::npos);
+    EXPECT_EQ(run("read " + capture + " --color never").out.find('\x1b'), std::string::npos);
+    EXPECT_EQ(run("read " + capture + " --color auto").out.find('\x1b'), std::string::npos);  // a pipe
+    EXPECT_EQ(run("read " + capture + " --color sometimes").status, 2);
 }

@@ -78,7 +78,7 @@ TEST(RealLoopbackCapture, ReadDecodesCurlTalkingToHttpServer) {
     std::system(("kill " + dumpPid + " " + serverPid + " 2>/dev/null; sleep 0.5").c_str());
     ASSERT_EQ(body, "hello from the loopback test\n");
 
-    const std::string lines = output(wireloom.string() + " read " + capture + " 2>&1");
+    const std::string lines = output(wireloom.string() + " read --format oneline " + capture + " 2>&1");
     // Linux captures lo as Ethernet with zero addresses.
     EXPECT_NE(lines.find("(Eth) MAC 00:00:00:00:00:00 => 00:00:00:00:00:00, proto 0x0800"), std::string::npos) << lines;
     EXPECT_NE(lines.find("addr 127.0.0.1 => 127.0.0.1"), std::string::npos) << lines;

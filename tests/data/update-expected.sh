@@ -5,6 +5,8 @@ set -euo pipefail
 cd "$(dirname "$0")/../.."
 build=${1:-build}
 for sample in demo demo-loopback; do
-  "$build"/cli/wireloom read samples/$sample.pcap | sed -E 's/: 0x[0-9a-f]+>/: 0x?>/g' > tests/data/$sample-oneline.txt
-  "$build"/cli/wireloom read samples/$sample.pcap --format none > tests/data/$sample-summary.txt
+  for format in tree json oneline none; do
+    "$build"/cli/wireloom read samples/$sample.pcap --format $format | sed -E 's/: 0x[0-9a-f]+>/: 0x?>/g' \
+      > tests/data/$sample-$format.txt
+  done
 done
