@@ -1,0 +1,104 @@
+#pragma once
+// What the benchmarks share: the seeded traffic mix they all measure, the
+// temporary pcap file it is written to, the file loaded back into memory as
+// records, and the clocks and counters the passes are timed with. See
+// BENCHMARKS.md for the mix.
+//
+//   TemporaryCapture file;
+//   Traffic traffic = generateTraffic(20240611, 100 * 1000000);
+//   writePcap(file.path, DLT_EN10MB, traffic.frames);
+//   LoadedCapture capture = load(file.path, captureFileSize(traffic));
+
+#include "support/FrameBuilder.hpp"
+#include "support/TcpConversation.hpp"
+
+#include <pcap/pcap.h>
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+// The build the figures come from, set by bench/CMakeLists.txt.
+#ifndef WIRELOOM_BENCH_BUILD
+#define WIRELOOM_BENCH_BUILD "unknown"
+#endif
+
+namespace wireloom::bench {
+
+using testing::Frame;
+
+// Kinds of traffic and their share of the frames. Whole TCP conversations
+// come in bursts of frames, so the next one is always of the kind that lags
+// furthest behind its share.
+enum Kind { kTcp4, kTcp6, kDns4, kUdp4, kUdp6, kKindCount };
+inline constexpr std::array<double, kKindCount> kShare = {0.76, 0.08, 0.08, 0.04, 0.04};
+inline constexpr std::array<const char*, kKindCount> kKindName = {"IPv4 TCP", "IPv6 TCP", "IPv4 DNS", "IPv4 UDP other",
+                                                                  "IPv6 UDP"};
+
+struct Traffic {
+    std::vector<Frame> frames;
+    std::array<std::uint64_t, kKindCount> framesOfKind{};
+    std::uint64_t tcpFrames = 0;
+    std::uint64_t udpFrames = 0;
+    std::uint64_t bytes = 0;
+};
+
+// The same frames for the same seed, on every machine.
+Traffic generateTraffic(std::uint64_t seed, std::uint64_t byteBudget);
+// The pcap file the frames make: global header, then a record header per frame.
+std::uint64_t captureFileSize(const Traffic& traffic);
+
+// A path in $TMPDIR (or /tmp) for the capture; the file is removed at exit,
+// and on Ctrl-C, so a stopped run leaves no hundreds of megabytes behind.
+struct TemporaryCapture {
+    std::string path;
+    TemporaryCapture();
+    ~TemporaryCapture();
+    TemporaryCapture(const TemporaryCapture&) = delete;
+    TemporaryCapture& operator=(const TemporaryCapture&) = delete;
+};
+
+struct Record {
+    pcap_pkthdr header;
+    const std::uint8_t* data;
+};
+
+// The file's records copied into one block, as a capture already in memory.
+struct LoadedCapture {
+    std::vector<std::uint8_t> bytes;
+    std::vector<Record> records;
+};
+
+LoadedCapture load(const std::string& path, std::uint64_t fileSize);
+
+// Every operator new of the process so far (the benchmarks replace it); a
+// plain count, as only the main thread allocates.
+std::uint64_t allocationCount() noexcept;
+// The calling thread's CPU time: other builds sharing the cores do not count.
+double threadSeconds();
+double median(std::vector<double> values);
+std::string cpuModel();
+
+// The options every benchmark takes: --megabytes of frames to generate,
+// --repetitions of each pass, --only one pass.
+struct CommonOptions {
+    std::uint64_t megabytes;
+    int repetitions = 5;
+    std::string only;
+    // False if the option is none of these.
+    bool parse(const std::string& option, const char* value);
+};
+
+// For --only: keeps the pass of that name (all if the name is empty); false,
+// with a message, if there is none.
+template <class Pass>
+bool keepOnly(std::vector<Pass>& passes, const std::string& only) {
+    if (only.empty()) return true;
+    std::erase_if(passes, [&](const Pass& pass) { return only != pass.name; });
+    if (passes.empty()) std::fprintf(stderr, "no pass named %s\n", only.c_str());
+    return !passes.empty();
+}
+
+}  // namespace wireloom::bench
