@@ -19,7 +19,6 @@ void printSystemError(const char* text) noexcept {
     std::fprintf(stderr, "%s: %s\n", text, std::strerror(errno));
 }
 
-constexpr std::uint32_t kEnd = static_cast<std::uint32_t>(WLToken::End);
 }  // namespace
 
 TokenAllocator& tokenAllocator() noexcept {
