@@ -2,7 +2,7 @@
 #include <Wireloom/report/PXReportAnalyzerEntry.hpp>
 
 #include <algorithm>
-#include <cstdio>
+#include <cstring>
 
 namespace wireloom {
 
@@ -48,38 +48,67 @@ PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addFixedPitchEntryLine(std::sh
 
 namespace {
 
-// One line of a hex dump: the offset in grey, two groups of four bytes, and
-// the bytes as characters (printable ones blue, the others a grey dot).
-std::shared_ptr<WLAttributedString> hexDumpLine(const std::uint8_t* bytes, std::size_t count, std::size_t offset) {
-    static constexpr char kHex[] = "0123456789abcdef";
-    char offsetText[24];
-    std::snprintf(offsetText, sizeof offsetText, "%04zx", offset);
-    std::string groups;
-    groups.reserve(2 + 16 + 4);
-    for (std::size_t i = 0; i < 8; ++i) {
-        if (i % 4 == 0) groups.push_back(' ');
-        if (i < count) {
-            groups.push_back(kHex[bytes[i] >> 4]);
-            groups.push_back(kHex[bytes[i] & 0x0f]);
-        } else {
-            groups.append("  ");
+// The text of one line of a hex dump, in its three parts: the offset, two
+// groups of four bytes padded to their full width, and the bytes as
+// characters (a "." for each unprintable one). Written by hand rather than
+// with printf: a large trace has hundreds of these lines per frame.
+struct HexDumpLineText {
+    static constexpr std::size_t kGroupsLength = 2 + 16 + 4;
+    char offset[16];
+    std::size_t offsetLength = 0;
+    char groups[kGroupsLength];
+    char characters[8];
+
+    HexDumpLineText(const std::uint8_t* bytes, std::size_t count, std::size_t offset) {
+        static constexpr char kHex[] = "0123456789abcdef";
+        std::size_t digits = 4;  // at least four, as "%04zx"
+        while (digits < 16 && (offset >> (4 * digits)) != 0) ++digits;
+        offsetLength = digits;
+        for (std::size_t i = 0; i < digits; ++i) this->offset[i] = kHex[(offset >> (4 * (digits - 1 - i))) & 0x0f];
+        char* g = groups;
+        for (std::size_t i = 0; i < 8; ++i) {
+            if (i % 4 == 0) *g++ = ' ';
+            *g++ = i < count ? kHex[bytes[i] >> 4] : ' ';
+            *g++ = i < count ? kHex[bytes[i] & 0x0f] : ' ';
         }
+        std::memset(g, ' ', 4);
+        for (std::size_t i = 0; i < count; ++i)
+            characters[i] = isPrintable(bytes[i]) ? static_cast<char>(bytes[i]) : '.';
     }
-    groups.append("    ");
-    auto line = WLAttributedString::stringWithFormat(WLTokenColor, Color::gray(), WLTokenText, offsetText, WLTokenPop,
-                                                     WLTokenText, groups, WLTokenEnd);
+    static bool isPrintable(std::uint8_t byte) { return byte >= 32 && byte <= 126; }
+    std::string_view offsetText() const { return {offset, offsetLength}; }
+    std::string_view groupsText() const { return {groups, kGroupsLength}; }
+};
+
+// One line of a hex dump: the offset in grey, the groups, and the characters
+// (printable ones blue, the others a grey dot).
+std::shared_ptr<WLAttributedString> hexDumpLine(const std::uint8_t* bytes, std::size_t count, std::size_t offset) {
+    const HexDumpLineText text(bytes, count, offset);
+    auto line = WLAttributedString::stringWithFormat(WLTokenColor, Color::gray(), WLTokenText, text.offsetText(),
+                                                     WLTokenPop, WLTokenText, text.groupsText(), WLTokenEnd);
     if (!line) return nullptr;
     // Characters of one colour go in one run.
     for (std::size_t i = 0; i < count;) {
-        const bool printable = bytes[i] >= 32 && bytes[i] <= 126;
-        std::string run;
-        for (; i < count && (bytes[i] >= 32 && bytes[i] <= 126) == printable; ++i)
-            run.push_back(printable ? static_cast<char>(bytes[i]) : '.');
-        line->appendFormat(WLTokenColor, printable ? Color::blue() : Color::gray(), WLTokenText, run, WLTokenPop,
-                           WLTokenEnd);
+        const bool printable = HexDumpLineText::isPrintable(bytes[i]);
+        const std::size_t first = i;
+        while (i < count && HexDumpLineText::isPrintable(bytes[i]) == printable) ++i;
+        line->appendFormat(WLTokenColor, printable ? Color::blue() : Color::gray(), WLTokenText,
+                           std::string_view(text.characters + first, i - first), WLTokenPop, WLTokenEnd);
     }
     return line;
 }
+
+// The loader of a dump's lines. A named type, so that the dump's plain text
+// can be written from the bytes it holds without building its lines.
+struct HexDumpLoader {
+    ByteBuffer data;
+    void operator()(PXReportAnalyzerEntry& entry) const {
+        for (std::size_t offset = 0; offset < data.size(); offset += 8) {
+            const std::size_t count = std::min<std::size_t>(8, data.size() - offset);
+            entry.addFixedPitchEntryLine(hexDumpLine(data.data() + offset, count, offset));
+        }
+    }
+};
 
 }  // namespace
 
@@ -88,13 +117,37 @@ PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addEntryWithData(const ByteBuf
     // The lines are made when first read: most dumps of a large trace are
     // never opened. Being lazy, they are also given back when the row is
     // collapsed and memory is reclaimed.
-    dump->childLoaderBlock_ = [data](PXReportAnalyzerEntry& entry) {
-        for (std::size_t offset = 0; offset < data.size(); offset += 8) {
-            const std::size_t count = std::min<std::size_t>(8, data.size() - offset);
-            entry.addFixedPitchEntryLine(hexDumpLine(data.data() + offset, count, offset));
-        }
-    };
+    dump->childLoaderBlock_ = HexDumpLoader{data};
     return dump;
+}
+
+bool PXReportAnalyzerEntry::appendHexDumpText(std::string& out, std::string_view indent) const {
+    if (hasLoadedChildren_) return false;
+    const HexDumpLoader* loader = childLoaderBlock_.target<HexDumpLoader>();
+    if (!loader) return false;
+    const ByteBuffer& data = loader->data;
+    // Sized once for the longest lines and cut back after: growing the string
+    // line by line cost as much as making the text.
+    const std::size_t lineBound =
+        indent.size() + sizeof(HexDumpLineText::offset) + HexDumpLineText::kGroupsLength + 8 + 1;
+    const std::size_t start = out.size();
+    out.resize(start + (data.size() + 7) / 8 * lineBound);
+    char* end = out.data() + start;
+    const auto put = [&end](std::string_view text) {
+        std::memcpy(end, text.data(), text.size());
+        end += text.size();
+    };
+    for (std::size_t offset = 0; offset < data.size(); offset += 8) {
+        const std::size_t count = std::min<std::size_t>(8, data.size() - offset);
+        const HexDumpLineText text(data.data() + offset, count, offset);
+        put(indent);
+        put(text.offsetText());
+        put(text.groupsText());
+        put({text.characters, count});
+        *end++ = '\n';
+    }
+    out.resize(static_cast<std::size_t>(end - out.data()));
+    return true;
 }
 
 void PXReportAnalyzerEntry::addEntriesToTopFromOther(PXReportAnalyzerEntry& other) {

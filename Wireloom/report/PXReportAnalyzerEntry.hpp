@@ -128,6 +128,10 @@ public:
     // The entry's plain title after the indent, then each child's text
     // indented by four more spaces. (The spelling is the established one.)
     std::string pasteboardStringWithIdentation(const std::string& indent);
+    // For a hex dump whose lines are not built yet: appends the lines' plain
+    // text, each after the indent and ending in a newline, without building
+    // them. False, appending nothing, for any other entry.
+    bool appendHexDumpText(std::string& out, std::string_view indent) const;
     // The title without its coloured values, after the parent's identifier:
     // rows of one kind share it across packets. Memoised for good.
     const std::string& visualTypeIdentifier();
