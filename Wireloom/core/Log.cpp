@@ -1,5 +1,6 @@
 #include <Wireloom/core/Assert.hpp>
 #include <Wireloom/core/Log.hpp>
+#include <Wireloom/core/detail/Format.hpp>
 
 #include <syslog.h>
 
@@ -56,20 +57,7 @@ void Log::setSink(Sink sink) {
 }
 
 void Log::message(Level level, const char* format, va_list args) {
-    char stackBuffer[512];
-    va_list copy;
-    va_copy(copy, args);
-    int needed = std::vsnprintf(stackBuffer, sizeof stackBuffer, format, copy);
-    va_end(copy);
-    std::string text;
-    if (needed < 0) {
-        text = format;
-    } else if (static_cast<size_t>(needed) < sizeof stackBuffer) {
-        text.assign(stackBuffer, static_cast<size_t>(needed));
-    } else {
-        text.resize(static_cast<size_t>(needed));
-        std::vsnprintf(text.data(), text.size() + 1, format, args);
-    }
+    std::string text = detail::vstringWithFormat(format, args);
 
     auto& s = state();
     std::lock_guard lock(s.mutex);

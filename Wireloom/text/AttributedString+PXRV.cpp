@@ -1,3 +1,4 @@
+#include <Wireloom/core/detail/Format.hpp>
 #include <Wireloom/text/AttributedString+PXRV.hpp>
 
 #include <cstdarg>
@@ -11,18 +12,6 @@ namespace {
 constexpr std::string_view kEscapedSegmentMarker = "escaped_segment";
 constexpr std::string_view kAddNullMarker = "add_null";
 constexpr std::string_view kNullText = "(null)";
-
-std::string formatArguments(const char* format, va_list arguments) {
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, again);
-    va_end(again);
-    if (length <= 0) return {};
-    std::string text(static_cast<std::size_t>(length), '\0');
-    // The string's own terminating zero takes vsnprintf's.
-    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-    return text;
-}
 
 // What a tag does: an opening tag sets `key` to `value`, a closing tag
 // (`removes`) takes `key` away.
@@ -87,7 +76,7 @@ void appendTagged(AttributedString& target, std::string_view text, TextAttribute
 void appendFormat(AttributedString& target, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    target.append(formatArguments(format, arguments));
+    target.append(detail::vstringWithFormat(format, arguments));
     va_end(arguments);
 }
 
@@ -96,7 +85,7 @@ void appendColor(AttributedString& target, ColorPtr color, const char* format, .
     va_start(arguments, format);
     TextAttributes attributes;
     attributes.foregroundColor = std::move(color);
-    target.append(formatArguments(format, arguments), attributes);
+    target.append(detail::vstringWithFormat(format, arguments), attributes);
     va_end(arguments);
 }
 

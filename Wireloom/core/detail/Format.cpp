@@ -5,21 +5,27 @@
 
 namespace wireloom::detail {
 
-std::string stringWithFormat(const char* format, ...) {
+std::string vstringWithFormat(const char* format, va_list args) {
+    // Most texts fit the stack buffer: one formatting pass, no heap growth.
     char stackBuffer[256];
-    va_list args;
-    va_start(args, format);
     va_list copy;
     va_copy(copy, args);
-    int needed = std::vsnprintf(stackBuffer, sizeof stackBuffer, format, copy);
+    const int needed = std::vsnprintf(stackBuffer, sizeof stackBuffer, format, copy);
     va_end(copy);
-    std::string text;
-    if (needed >= 0 && static_cast<std::size_t>(needed) < sizeof stackBuffer) {
-        text.assign(stackBuffer, static_cast<std::size_t>(needed));
-    } else if (needed >= 0) {
-        text.resize(static_cast<std::size_t>(needed));
-        std::vsnprintf(text.data(), text.size() + 1, format, args);
-    }
+    if (needed < 0) return {};
+    if (static_cast<std::size_t>(needed) < sizeof stackBuffer)
+        return std::string(stackBuffer, static_cast<std::size_t>(needed));
+    std::string text(static_cast<std::size_t>(needed), '\0');
+    va_copy(copy, args);
+    std::vsnprintf(text.data(), text.size() + 1, format, copy);
+    va_end(copy);
+    return text;
+}
+
+std::string stringWithFormat(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::string text = vstringWithFormat(format, args);
     va_end(args);
     return text;
 }
