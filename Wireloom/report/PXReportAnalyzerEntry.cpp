@@ -190,11 +190,13 @@ bool PXReportAnalyzerEntry::hasChild(const PXReportAnalyzerEntry& entry) {
     return false;
 }
 
-std::string PXReportAnalyzerEntry::plainTitle() const { return title_ ? title_->string() : std::string(); }
+std::string_view PXReportAnalyzerEntry::plainTitle() const { return title_ ? title_->string() : std::string_view(); }
 
 std::string PXReportAnalyzerEntry::pasteboardStringWithIdentation(const std::string& indent) {
     loadChildrenIfNeeded();
-    std::string text = indent + plainTitle() + "\n";
+    std::string text = indent;
+    text += plainTitle();
+    text += '\n';
     if (entries_) {
         const std::string deeper = indent + "    ";
         for (const Ptr& child : *entries_) text += child->pasteboardStringWithIdentation(deeper);

@@ -46,7 +46,7 @@ public:
     using CellInitializer = std::function<void(PXCell&)>;
 
     // Entries always live in shared_ptrs (children are handed out as such).
-    static Ptr entry() { return Ptr(new PXReportAnalyzerEntry()); }
+    static Ptr entry() { return std::make_shared<PXReportAnalyzerEntry>(Key{}); }
 
     // --- Properties -------------------------------------------------------
 
@@ -124,7 +124,7 @@ public:
     const std::vector<Ptr>* children();
     // Depth first, loading children on the way.
     bool hasChild(const PXReportAnalyzerEntry& entry);
-    std::string plainTitle() const;
+    std::string_view plainTitle() const;
     // The entry's plain title after the indent, then each child's text
     // indented by four more spaces. (The spelling is the established one.)
     std::string pasteboardStringWithIdentation(const std::string& indent);
@@ -152,34 +152,40 @@ public:
 
     // --- Builders -----------------------------------------------------------
 
-    void setProtocolLayerName(const std::string& name);
+    void setProtocolLayerName(std::string_view name);
     void setProtocolLayerAttributedName(std::shared_ptr<WLAttributedString> name);
-    void setSectionTitle(const std::string& title);
+    void setSectionTitle(std::string_view title);
     // key (key colour), ": ", the value's description (value colour), or
     // "(null)" (null-value colour) for a null value.
-    Ptr addLineWithKey(const std::string& key, const Value& value);
+    Ptr addLineWithKey(std::string_view key, const Value& value);
     // One line formatted by kind: 0 "%llu", 1-4 "0x%01x" to "0x%08x", 5 "0x%llx",
     // 6 "%f", 7 the description, 8 a hex dump titled with the byte count,
     // 9 "YES"/"NO". Null for an unknown kind.
-    Ptr setValue(const Value& value, const std::string& key, unsigned type);
-    Ptr addEntryWithData(const ByteBuffer& data, const std::string& label);
+    Ptr setValue(const Value& value, std::string_view key, unsigned type);
+    Ptr addEntryWithData(const ByteBuffer& data, std::string_view label);
     // label " (" quantity " " unit-made-plural ")"; without a label the
     // quantity and unit alone. Units must be given singular.
-    void setTitleWithLabel(const std::optional<std::string>& label, std::uint64_t quantity, const std::string& units);
+    void setTitleWithLabel(std::optional<std::string_view> label, std::uint64_t quantity, std::string_view units);
     // The same with the label in a colour; the plural only appends "s".
-    void setTitleWithLabel(const std::string& label, const ColorPtr& color, std::uint64_t quantity,
-                           const std::string& units);
-    void setTitleWithErrorLabel(const std::string& label, const std::string& error);
-    Ptr addLineWithErrorLabel(const std::string& label, const std::string& error);
+    void setTitleWithLabel(std::string_view label, const ColorPtr& color, std::uint64_t quantity,
+                           std::string_view units);
+    void setTitleWithErrorLabel(std::string_view label, std::string_view error);
+    Ptr addLineWithErrorLabel(std::string_view label, std::string_view error);
     // value, key, value, key... ; a trailing unpaired element is ignored.
     void addLinesWithValueKeyFields(const std::vector<Value>& fields);
-    Ptr addLinesWithValueKeyFields(const std::vector<Value>& fields, const std::string& sectionTitle);
+    Ptr addLinesWithValueKeyFields(const std::vector<Value>& fields, std::string_view sectionTitle);
 
     // The plural the counted titles use: "entry" → "entries", "day" → "days".
-    static std::string pluralOfUnit(const std::string& unit);
+    static std::string pluralOfUnit(std::string_view unit);
+
+    // Only entry() makes these (make_shared needs the constructor).
+    class Key {
+        friend class PXReportAnalyzerEntry;
+        Key() = default;
+    };
+    explicit PXReportAnalyzerEntry(Key) {}
 
 private:
-    PXReportAnalyzerEntry() = default;
     Ptr self() { return std::static_pointer_cast<PXReportAnalyzerEntry>(shared_from_this()); }
     static bool PXReportAnalyzerEntry::*expansionProperty(std::string_view key);
 

@@ -18,7 +18,7 @@ class Described : public Object {
 std::vector<std::string> childTitles(const Entry::Ptr& entry) {
     std::vector<std::string> titles;
     if (auto children = entry->children())
-        for (const auto& child : *children) titles.push_back(child->plainTitle());
+        for (const auto& child : *children) titles.emplace_back(child->plainTitle());
     return titles;
 }
 
