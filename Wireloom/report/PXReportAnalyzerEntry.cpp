@@ -9,15 +9,20 @@ namespace wireloom {
 
 std::shared_ptr<PXReportAnalyzerEntrySource> PXReportAnalyzerEntry::source() const {
     if (auto source = source_.lock()) return source;
-    if (auto parent = parent_.lock()) return parent->source();
+    if (auto parent = this->parent()) return parent->source();
     return nullptr;
 }
+
+const PXReportAnalyzerEntry::Presentation PXReportAnalyzerEntry::kNoPresentation;
 
 // --- Tree building -------------------------------------------------------------
 
 void PXReportAnalyzerEntry::addEntry(const Ptr& child) {
-    if (!entries_) entries_.emplace();
-    child->parent_ = self();
+    if (!entries_) {
+        entries_.emplace();
+        entries_->reserve(8);  // a layer's rows, mostly, without regrowing
+    }
+    child->parent_ = weak_from_this();
     entries_->push_back(child);
 }
 
@@ -30,7 +35,7 @@ PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addNestedEntry() {
 PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addNestedEntryToTop() {
     Ptr child = entry();
     if (!entries_) entries_.emplace();
-    child->parent_ = self();
+    child->parent_ = weak_from_this();
     entries_->insert(entries_->begin(), child);
     return child;
 }
@@ -192,33 +197,25 @@ PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addEntryWithData(const ByteBuf
     return dump;
 }
 
-bool PXReportAnalyzerEntry::appendHexDumpText(std::string& out, std::string_view indent) const {
-    if (hasLoadedChildren_) return false;
+std::size_t PXReportAnalyzerEntry::hexDumpTextBound(std::string_view indent) const {
+    if (hasLoadedChildren_) return 0;
     const HexDumpLoader* loader = childLoaderBlock_.target<HexDumpLoader>();
-    if (!loader) return false;
-    const ByteBuffer& data = loader->data;
-    // Lines are gathered in a buffer on the stack and added a batch at a time.
-    char buffer[8192];
-    const std::size_t lineBound = indent.size() + HexDumpLineText::kMaxLength + 1;
-    if (lineBound > sizeof buffer) return false;
-    out.reserve(out.size() + (data.size() + 7) / 8 * lineBound);
-    char* end = buffer;
-    for (std::size_t offset = 0; offset < data.size(); offset += 8) {
-        if (end + lineBound > buffer + sizeof buffer) {
-            out.append(buffer, end);
-            end = buffer;
-        }
-        end = HexDumpLineText::write(end, indent, data.data() + offset, std::min<std::size_t>(8, data.size() - offset),
+    if (!loader) return 0;
+    return (loader->data.size() + 7) / 8 * (indent.size() + HexDumpLineText::kMaxLength + 1);
+}
+
+char* PXReportAnalyzerEntry::writeHexDumpText(char* out, std::string_view indent) const {
+    if (hexDumpTextBound(indent) == 0) return out;
+    const ByteBuffer& data = childLoaderBlock_.target<HexDumpLoader>()->data;
+    for (std::size_t offset = 0; offset < data.size(); offset += 8)
+        out = HexDumpLineText::write(out, indent, data.data() + offset, std::min<std::size_t>(8, data.size() - offset),
                                      offset);
-    }
-    out.append(buffer, end);
-    return true;
+    return out;
 }
 
 void PXReportAnalyzerEntry::addEntriesToTopFromOther(PXReportAnalyzerEntry& other) {
     if (!other.entries_) return;
-    const Ptr me = self();
-    for (const Ptr& child : *other.entries_) child->parent_ = me;
+    for (const Ptr& child : *other.entries_) child->parent_ = weak_from_this();
     if (entries_) {
         other.entries_->insert(other.entries_->end(), entries_->begin(), entries_->end());
     }
@@ -270,29 +267,33 @@ std::string PXReportAnalyzerEntry::pasteboardStringWithIdentation(const std::str
 }
 
 const std::string& PXReportAnalyzerEntry::visualTypeIdentifier() {
-    if (cachedVisualTypeIdentifier_) return *cachedVisualTypeIdentifier_;
+    std::optional<std::string>& cached = presentation().cachedVisualTypeIdentifier;
+    if (cached) return *cached;
     // Without their coloured runs, titles keep their labels and lose their
     // values, so rows of one kind share an identifier across packets.
     std::string identifier = title_ ? title_->stringWithoutColorizedText() : std::string();
-    if (auto parent = parent_.lock()) identifier = parent->visualTypeIdentifier() + identifier;
-    cachedVisualTypeIdentifier_ = std::move(identifier);
-    return *cachedVisualTypeIdentifier_;
+    if (auto parent = this->parent()) identifier = parent->visualTypeIdentifier() + identifier;
+    cached = std::move(identifier);
+    return *cached;
 }
 
 int PXReportAnalyzerEntry::reportAnalyzerEntryTitleMode() const noexcept {
     if (displayUsingFixedPitchFont_) return 1;
-    if (cellClass_) return 2;
+    if (shown().cellClass) return 2;
     return 0;
 }
 
 // --- Rows and cells -----------------------------------------------------------
 
 void PXReportAnalyzerEntry::updateCache() {
-    if (!title_ && (viewController_ || viewControllerBlock_)) {
-        if (!viewController_) viewController_ = viewControllerBlock_(*this);
-        if (viewController_) rowHeight_ = viewController_->viewHeight();
-    } else if (!title_) {
-        rowHeight_ = preferredCellHeight_;
+    if (!title_) {
+        Presentation& shown = presentation();
+        if (shown.viewController || shown.viewControllerBlock) {
+            if (!shown.viewController) shown.viewController = shown.viewControllerBlock(*this);
+            if (shown.viewController) shown.rowHeight = shown.viewController->viewHeight();
+        } else {
+            shown.rowHeight = shown.preferredCellHeight;
+        }
     }
     if (isExpanded_ || isExpandedInPane_) {
         loadChildrenIfNeeded();
@@ -304,17 +305,18 @@ void PXReportAnalyzerEntry::updateCache() {
 
 std::shared_ptr<PXCell> PXReportAnalyzerEntry::dataCell() {
     if (title_) return nullptr;
-    if (initializedCell_) return initializedCell_;
-    if (viewController_ || viewControllerBlock_) {
-        if (!viewController_) updateCache();
-        initializedCell_ = std::make_shared<PXCellWithView>(viewController_);
-        return initializedCell_;
+    Presentation& shown = presentation();
+    if (shown.initializedCell) return shown.initializedCell;
+    if (shown.viewController || shown.viewControllerBlock) {
+        if (!shown.viewController) updateCache();
+        shown.initializedCell = std::make_shared<PXCellWithView>(shown.viewController);
+        return shown.initializedCell;
     }
-    if (!cellClass_) cellClass_ = PXCellClass::plainCell();
-    std::shared_ptr<PXCell> cell = cellClass_->makeCell();
-    if (cell && cellInitializer_) cellInitializer_(*cell);
-    initializedCell_ = std::move(cell);
-    return initializedCell_;
+    if (!shown.cellClass) shown.cellClass = PXCellClass::plainCell();
+    std::shared_ptr<PXCell> cell = shown.cellClass->makeCell();
+    if (cell && shown.cellInitializer) shown.cellInitializer(*cell);
+    shown.initializedCell = std::move(cell);
+    return shown.initializedCell;
 }
 
 void PXReportAnalyzerEntry::unloadRecoverableResources() {

@@ -122,8 +122,8 @@ TEST(EntryBuilders, HexDumpLinesOfEveryByteMatchPrintfAndBothWritersAgree) {
     for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * 167 + 3);
     auto e = Entry::entry();
     auto dump = e->addEntryWithData(ByteBuffer::copy(bytes.data(), bytes.size()), "All");
-    std::string plain;
-    ASSERT_TRUE(dump->appendHexDumpText(plain, "  "));
+    std::string plain(dump->hexDumpTextBound("  "), '\0');
+    plain.resize(static_cast<std::size_t>(dump->writeHexDumpText(plain.data(), "  ") - plain.data()));
 
     std::string expected, fromLines;
     for (std::size_t offset = 0; offset < bytes.size(); offset += 8) {
@@ -142,4 +142,5 @@ TEST(EntryBuilders, HexDumpLinesOfEveryByteMatchPrintfAndBothWritersAgree) {
     for (const auto& child : *dump->children()) fromLines += "  " + std::string(child->plainTitle()) + "\n";
     EXPECT_EQ(plain, expected);
     EXPECT_EQ(fromLines, expected);
+    EXPECT_EQ(dump->hexDumpTextBound("  "), 0u);  // its lines are built now
 }
