@@ -20,6 +20,7 @@
 #include <Wireloom/core/ByteBuffer.hpp>
 #include <Wireloom/core/Object.hpp>
 #include <Wireloom/core/Value.hpp>
+#include <Wireloom/core/detail/BlockCache.hpp>
 #include <Wireloom/report/PXReportAnalyzerEntrySource.hpp>
 #include <Wireloom/report/PXReportAnalyzerUI.hpp>
 #include <Wireloom/text/WLAttributedString.hpp>
@@ -46,7 +47,9 @@ public:
     using CellInitializer = std::function<void(PXCell&)>;
 
     // Entries always live in shared_ptrs (children are handed out as such).
-    static Ptr entry() { return std::make_shared<PXReportAnalyzerEntry>(Key{}); }
+    static Ptr entry() {
+        return std::allocate_shared<PXReportAnalyzerEntry>(detail::CachedAllocator<PXReportAnalyzerEntry>(), Key{});
+    }
 
     // --- Properties -------------------------------------------------------
 

@@ -17,6 +17,7 @@
 // the caches are filled lazily without locking.
 
 #include <Wireloom/core/Object.hpp>
+#include <Wireloom/core/detail/BlockCache.hpp>
 #include <Wireloom/text/AttributedString.hpp>
 #include <Wireloom/text/Color.hpp>
 #include <Wireloom/text/WLToken.hpp>
@@ -141,14 +142,14 @@ struct TrailingBytesAllocator {
     TrailingBytesAllocator(const TrailingBytesAllocator<U>& other) noexcept
         : extra(other.extra), trailing(other.trailing) {}
 
+    static std::size_t headSize(std::size_t n) noexcept { return (n * sizeof(T) + 15) / 16 * 16; }
     T* allocate(std::size_t n) {
-        const std::size_t head = (n * sizeof(T) + 15) / 16 * 16;
-        auto* block = static_cast<std::uint8_t*>(tokenAllocator().allocate(head + extra));
+        auto* block = static_cast<std::uint8_t*>(tokenAllocator().allocate(headSize(n) + extra));
         if (!block) throw std::bad_alloc();
-        *trailing = block + head;
+        *trailing = block + headSize(n);
         return reinterpret_cast<T*>(block);
     }
-    void deallocate(T* block, std::size_t) noexcept { std::free(block); }
+    void deallocate(T* block, std::size_t n) noexcept { cachedFree(block, headSize(n) + extra); }
     template <class U>
     bool operator==(const TrailingBytesAllocator<U>& other) const noexcept {
         return extra == other.extra && trailing == other.trailing;

@@ -1,3 +1,4 @@
+#include <Wireloom/core/detail/BlockCache.hpp>
 #include <Wireloom/text/detail/TokenStream.hpp>
 
 #include <algorithm>
@@ -11,7 +12,7 @@
 namespace wireloom::detail {
 
 namespace {
-void* systemAllocate(std::size_t size) noexcept { return std::malloc(size); }
+void* systemAllocate(std::size_t size) noexcept { return cachedAllocate(size); }
 void* systemReallocate(void* block, std::size_t size) noexcept { return std::realloc(block, size); }
 }  // namespace
 

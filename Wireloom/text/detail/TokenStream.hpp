@@ -29,8 +29,9 @@ namespace detail {
 
 static_assert(sizeof(void*) == 8, "token records hold 8-byte references");
 
-// The allocator of blocks and pools, malloc-compatible (they are given back
-// with free); tests swap in failing functions to reach the failure paths.
+// The allocator of strings, blocks and pools, malloc-compatible (they may be
+// given back with free); tests swap in failing functions to reach the
+// failure paths.
 struct TokenAllocator {
     void* (*allocate)(std::size_t size) noexcept;
     void* (*reallocate)(void* block, std::size_t size) noexcept;
