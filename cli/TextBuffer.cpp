@@ -24,6 +24,7 @@ void TextBuffer::append(std::string_view text) {
 }
 
 bool TextBuffer::flush(std::FILE* out) {
+    if (size_ == 0) return true;  // nothing yet, maybe not even a block
     const bool written = std::fwrite(data_.get(), 1, size_, out) == size_;
     size_ = 0;
     return written;
