@@ -32,3 +32,5 @@
 #include <Wireloom/packets/PacketClass.hpp>
 
 #include <Wireloom/capture/PXCaptureFile.hpp>
+#include <Wireloom/capture/PXTime.hpp>
+#include <Wireloom/capture/PXTimer.hpp>
