@@ -34,3 +34,5 @@
 #include <Wireloom/capture/PXCaptureFile.hpp>
 #include <Wireloom/capture/PXTime.hpp>
 #include <Wireloom/capture/PXTimer.hpp>
+
+#include <Wireloom/flows/PXTCPBuffer.hpp>

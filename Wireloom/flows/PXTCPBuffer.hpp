@@ -1,0 +1,82 @@
+#pragma once
+// PXTCPBuffer: one direction of one TCP connection put back in order.
+// Segments are pushed in capture order with their 32-bit sequence numbers;
+// each push answers the bytes that have just become contiguous with what was
+// delivered before, as one new buffer of their own. Older bytes are ignored
+// and repeated ones overwrite themselves; the buffer knows nothing of SYN,
+// FIN or acknowledgements.
+//
+//   PXTCPBuffer stream;
+//   bool missing = false;
+//   if (auto chunk = stream.pushData(tcp->payload().span(), tcp->seqNumber(), &missing))
+//       deliver(*chunk);
+//   else if (missing)
+//       fail("bytes lost");
+//
+// The first segment pushed anchors the stream. Bytes wait in a window of at
+// most kMaxWindow bytes past the first undelivered one; a segment reaching
+// beyond it sets the missing flag and changes nothing, which is how a hole
+// that will never fill (a lost segment) comes to light.
+
+#include <Wireloom/core/ByteBuffer.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+
+namespace wireloom {
+
+class PXTCPBuffer {
+public:
+    static constexpr std::uint64_t kMaxWindow = 10'485'760;  // 10 MiB
+
+    PXTCPBuffer() noexcept = default;
+    PXTCPBuffer(PXTCPBuffer&&) noexcept = default;
+    PXTCPBuffer& operator=(PXTCPBuffer&&) noexcept = default;
+    ~PXTCPBuffer() = default;
+
+    // The bytes made deliverable by this segment, or nothing. *missing (when
+    // given) is cleared, and set only when the segment ends beyond the window.
+    std::optional<ByteBuffer> pushData(std::span<const std::uint8_t> data, std::uint32_t seq, bool* missing);
+
+    // Stream position of the first byte not yet delivered.
+    std::uint64_t windowStart() const noexcept { return windowStart_; }
+    // Whether anything was ever pushed.
+    bool seenData() const noexcept { return seenData_; }
+    // Bytes held from windowStart() on, holes included.
+    std::size_t windowLength() const noexcept { return length_; }
+    // Copies of the window, for inspection: the bytes (zero in the holes), and
+    // one byte per position, 1 where data arrived and 0 in a hole.
+    ByteBuffer slidingWindow() const;
+    ByteBuffer slidingWindowSetBytes() const;
+
+private:
+    // Ring-buffer positions of the window's index `index`.
+    std::size_t physical(std::size_t index) const noexcept {
+        std::size_t p = head_ + index;
+        return p >= capacity_ ? p - capacity_ : p;
+    }
+    // Calls piece(ringPosition, offsetInRange, length) for the one or two
+    // contiguous stretches of ring that hold window indices [index, index+count).
+    template <class Piece>
+    void forEachPiece(std::size_t index, std::size_t count, Piece piece) const;
+    void reserve(std::size_t length);
+    std::size_t contiguousFrom(std::size_t index) const noexcept;
+    // The first `count` window bytes of the data (plane 0) or of the flags
+    // (plane capacity_), as a new buffer.
+    ByteBuffer copyFront(std::size_t plane, std::size_t count) const;
+
+    std::uint64_t windowStart_ = 0;
+    bool seenData_ = false;
+    // The window lives in a ring of capacity_ bytes starting at head_, so
+    // delivering from the front moves nothing. Flags follow the data in the
+    // same block: storage_[capacity_ + p] flags storage_[p].
+    std::unique_ptr<std::uint8_t[]> storage_;
+    std::size_t capacity_ = 0;
+    std::size_t head_ = 0;
+    std::size_t length_ = 0;
+};
+
+}  // namespace wireloom
