@@ -1,6 +1,7 @@
 #include <Wireloom/flows/PXTCPBuffer.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <vector>
 
@@ -18,11 +19,58 @@ constexpr std::uint64_t kWrapWindowStart = 0xFF5FFFFF;
 // folded to 5); flows built on this buffer rely on that exact arithmetic, and
 // the two uses must stay the same number.
 constexpr std::uint64_t kFold = 0xFFFFFFFF;
-// The ring grows by doubling from this size, up to kMaxWindow.
+constexpr std::size_t kWordBits = 64;
+// The ring grows fourfold from this size, up to kMaxWindow (both whole flag
+// words): every growth copies the window and touches new pages, and a
+// window filled a byte at a time pays for each step.
 constexpr std::size_t kMinCapacity = 4096;
+static_assert(kMinCapacity % kWordBits == 0 && PXTCPBuffer::kMaxWindow % kWordBits == 0);
 // An emptied window gives back a ring larger than this, so a connection that
 // once buffered megabytes does not hold them while idle.
 constexpr std::size_t kKeptCapacity = 64 * 1024;
+// Runs delivered from the window up to this size are copied into a shared
+// slab rather than a block each: filling holes one byte at a time would
+// otherwise spend most of its time in malloc and free.
+constexpr std::size_t kSlabRun = 256;
+constexpr std::size_t kSlabBytes = 16 * 1024;
+
+// A memcpy call costs more than the byte itself when segments are a byte
+// long, as in a stream filled one byte at a time.
+void copyRun(std::uint8_t* to, const std::uint8_t* from, std::size_t n) {
+    if (n == 1)
+        *to = *from;
+    else
+        std::memcpy(to, from, n);
+}
+
+// Sets or clears bits [from, from + n) of a stretch of words.
+void setBits(std::uint64_t* words, std::size_t from, std::size_t n, bool on) {
+    auto apply = [on](std::uint64_t& word, std::uint64_t mask) { word = on ? word | mask : word & ~mask; };
+    std::size_t word = from / kWordBits;
+    const std::size_t bit = from % kWordBits;
+    if (bit + n <= kWordBits) {
+        if (n) apply(words[word], (n == kWordBits ? ~0ull : (1ull << n) - 1) << bit);
+        return;
+    }
+    if (bit) {
+        apply(words[word++], ~0ull << bit);
+        n -= kWordBits - bit;
+    }
+    std::fill_n(words + word, n / kWordBits, on ? ~0ull : 0ull);
+    word += n / kWordBits;
+    if (n % kWordBits) apply(words[word], (1ull << (n % kWordBits)) - 1);
+}
+
+// Builds the buffer a function returns directly inside an optional: emplace
+// constructs from the conversion's result without the move out of a
+// temporary, which cost a store-forwarding stall per delivery.
+template <class Make>
+struct InPlace {
+    Make make;
+    operator ByteBuffer() const { return make(); }
+};
+template <class Make>
+InPlace(Make) -> InPlace<Make>;
 
 }  // namespace
 
@@ -34,37 +82,51 @@ void PXTCPBuffer::forEachPiece(std::size_t index, std::size_t count, Piece piece
     if (count > run) piece(0, run, count - run);
 }
 
+std::uint64_t PXTCPBuffer::flagWord(std::size_t index) const noexcept {
+    const std::size_t p = physical(index);
+    const std::size_t word = p / kWordBits, shift = p % kWordBits;
+    if (shift == 0) return flags_[word];
+    // The ring is whole words, so the bits after its last word are its first.
+    const std::size_t next = word + 1 == capacity_ / kWordBits ? 0 : word + 1;
+    return flags_[word] >> shift | flags_[next] << (kWordBits - shift);
+}
+
+void PXTCPBuffer::setFlags(std::size_t index, std::size_t count, bool received) noexcept {
+    if (count == 1) {  // the byte-at-a-time stream again
+        const std::size_t p = physical(index);
+        const std::uint64_t bit = 1ull << (p % kWordBits);
+        std::uint64_t& word = flags_[p / kWordBits];
+        word = received ? word | bit : word & ~bit;
+        return;
+    }
+    forEachPiece(index, count,
+                 [&](std::size_t p, std::size_t, std::size_t n) { setBits(flags_.get(), p, n, received); });
+}
+
 void PXTCPBuffer::reserve(std::size_t length) {
-    if (length <= capacity_) return;
-    const std::size_t capacity =
-        std::max(length, std::min<std::size_t>(std::max(2 * capacity_, kMinCapacity), kMaxWindow));
-    auto storage = std::make_unique_for_overwrite<std::uint8_t[]>(2 * capacity);
-    forEachPiece(0, length_, [&](std::size_t p, std::size_t o, std::size_t n) {
-        std::memcpy(storage.get() + o, storage_.get() + p, n);
-        std::memcpy(storage.get() + capacity + o, storage_.get() + capacity_ + p, n);
-    });
-    storage_ = std::move(storage);
+    std::size_t capacity = std::max(length, std::min<std::size_t>(std::max(4 * capacity_, kMinCapacity), kMaxWindow));
+    capacity = (capacity + kWordBits - 1) / kWordBits * kWordBits;
+    auto data = std::make_unique_for_overwrite<std::uint8_t[]>(capacity);
+    auto flags = std::make_unique_for_overwrite<std::uint64_t[]>(capacity / kWordBits);
+    forEachPiece(0, length_, [&](std::size_t p, std::size_t o, std::size_t n) { std::memcpy(&data[o], &data_[p], n); });
+    for (std::size_t i = 0; i < length_; i += kWordBits) flags[i / kWordBits] = flagWord(i);
+    data_ = std::move(data);
+    flags_ = std::move(flags);
     capacity_ = capacity;
     head_ = 0;
 }
 
 std::size_t PXTCPBuffer::contiguousFrom(std::size_t index) const noexcept {
-    const std::uint8_t* flags = storage_.get() + capacity_;
-    std::size_t p = physical(index);
-    for (std::size_t at = index; at < length_; p = 0) {
-        const std::size_t run = std::min(length_ - at, capacity_ - p);
-        if (auto zero = static_cast<const std::uint8_t*>(std::memchr(flags + p, 0, run)))
-            return at + (zero - (flags + p));
-        at += run;
-    }
+    for (; index < length_; index += kWordBits)
+        if (const std::uint64_t holes = ~flagWord(index))
+            return std::min(length_, index + static_cast<std::size_t>(std::countr_zero(holes)));
     return length_;
 }
 
-ByteBuffer PXTCPBuffer::copyFront(std::size_t plane, std::size_t count) const {
-    const std::uint8_t* ring = storage_.get() + plane;
-    if (head_ + count <= capacity_) return ByteBuffer::copy(ring + head_, count);
+ByteBuffer PXTCPBuffer::copyFront(std::size_t count) const {
+    if (head_ + count <= capacity_) return ByteBuffer::copy(&data_[head_], count);
     std::vector<std::uint8_t> bytes(count);
-    forEachPiece(0, count, [&](std::size_t p, std::size_t o, std::size_t n) { std::memcpy(&bytes[o], ring + p, n); });
+    forEachPiece(0, count, [&](std::size_t p, std::size_t o, std::size_t n) { std::memcpy(&bytes[o], &data_[p], n); });
     return ByteBuffer(std::move(bytes));
 }
 
@@ -98,57 +160,88 @@ std::optional<ByteBuffer> PXTCPBuffer::pushData(std::span<const std::uint8_t> da
     const std::size_t index = from - windowStart_;
     const std::size_t count = end - from;
 
-    ByteBuffer chunk;
     if (index == 0 && length_ == 0) {
         // In order with nothing waiting: the segment is the delivery, and the
         // window is never touched.
-        chunk = ByteBuffer::copy(bytes, count);
-    } else {
-        if (length_ < offset) {
-            reserve(offset);
-            if (index > length_) {
-                // Only the flags: the bytes of a hole are never read before
-                // data fills it.
-                forEachPiece(length_, index - length_, [&](std::size_t p, std::size_t, std::size_t n) {
-                    std::memset(storage_.get() + capacity_ + p, 0, n);
-                });
-            }
-            length_ = offset;
+        advanceWindowStart(count);
+        return ByteBuffer::copy(bytes, count);
+    }
+    if (length_ < offset) {
+        if (offset > capacity_) reserve(offset);
+        // The bytes of a hole are never read before data fills it; only its
+        // flags need clearing.
+        if (index > length_) setFlags(length_, index - length_, false);
+        length_ = offset;
+    }
+    forEachPiece(index, count, [&](std::size_t p, std::size_t o, std::size_t n) { copyRun(&data_[p], bytes + o, n); });
+    setFlags(index, count, true);
+    // The front was a hole before this push (everything contiguous has always
+    // been delivered), so only a segment placed at the front can have closed
+    // it.
+    if (index != 0) return std::nullopt;
+    return deliverFront(contiguousFrom(count));
+}
+
+std::optional<ByteBuffer> PXTCPBuffer::deliverFront(std::size_t count) {
+    std::optional<ByteBuffer> chunk;
+    if (count <= kSlabRun) {
+        if (!slab_ || slabUsed_ + count > kSlabBytes) {
+            slab_ = std::make_shared_for_overwrite<std::uint8_t[]>(kSlabBytes);
+            slabUsed_ = 0;
         }
-        forEachPiece(index, count, [&](std::size_t p, std::size_t o, std::size_t n) {
-            std::memcpy(storage_.get() + p, bytes + o, n);
-            std::memset(storage_.get() + capacity_ + p, 1, n);
-        });
-        // The front was a hole before this push (everything contiguous has
-        // always been delivered), so only a segment placed at the front can
-        // have closed it.
-        if (index != 0) return std::nullopt;
-        const std::size_t contiguous = contiguousFrom(count);
-        chunk = copyFront(0, contiguous);
-        head_ = physical(contiguous);
-        length_ -= contiguous;
-        if (length_ == 0) {
-            head_ = 0;
-            if (capacity_ > kKeptCapacity) {
-                storage_.reset();
-                capacity_ = 0;
-            }
+        std::uint8_t* to = slab_.get() + slabUsed_;
+        forEachPiece(0, count, [&](std::size_t p, std::size_t o, std::size_t n) { copyRun(to + o, &data_[p], n); });
+        slabUsed_ += count;
+        // Each run owns a share of the slab, whose later bytes are written
+        // only after it, never those of a run already handed out.
+        chunk.emplace(InPlace{
+            [&] { return ByteBuffer::withSharedStorage(std::shared_ptr<const std::uint8_t>(slab_, to), count); }});
+    } else {
+        chunk.emplace(copyFront(count));
+    }
+    head_ = physical(count);
+    length_ -= count;
+    if (length_ == 0) {
+        head_ = 0;
+        slab_.reset();
+        if (capacity_ > kKeptCapacity) {
+            data_.reset();
+            flags_.reset();
+            capacity_ = 0;
         }
     }
-    windowStart_ += chunk.size();
-    if (windowStart_ > kFold) windowStart_ -= kFold;
+    advanceWindowStart(count);
     return chunk;
+}
+
+void PXTCPBuffer::advanceWindowStart(std::size_t count) noexcept {
+    windowStart_ += count;
+    if (windowStart_ > kFold) windowStart_ -= kFold;
+}
+
+template <class Visit>
+void PXTCPBuffer::forEachFlag(Visit visit) const {
+    for (std::size_t i = 0; i < length_; i += kWordBits) {
+        const std::uint64_t word = flagWord(i);
+        for (std::size_t j = 0; j < std::min(kWordBits, length_ - i); ++j) visit(i + j, (word >> j & 1) != 0);
+    }
 }
 
 ByteBuffer PXTCPBuffer::slidingWindow() const {
     std::vector<std::uint8_t> bytes(length_);
-    forEachPiece(0, length_, [&](std::size_t p, std::size_t o, std::size_t n) {
-        for (std::size_t i = 0; i < n; ++i)
-            if (storage_[capacity_ + p + i]) bytes[o + i] = storage_[p + i];
+    forEachPiece(0, length_,
+                 [&](std::size_t p, std::size_t o, std::size_t n) { std::memcpy(&bytes[o], &data_[p], n); });
+    // The ring under a hole holds whatever it held before.
+    forEachFlag([&](std::size_t i, bool received) {
+        if (!received) bytes[i] = 0;
     });
     return ByteBuffer(std::move(bytes));
 }
 
-ByteBuffer PXTCPBuffer::slidingWindowSetBytes() const { return copyFront(capacity_, length_); }
+ByteBuffer PXTCPBuffer::slidingWindowSetBytes() const {
+    std::vector<std::uint8_t> bytes(length_);
+    forEachFlag([&](std::size_t i, bool received) { bytes[i] = received; });
+    return ByteBuffer(std::move(bytes));
+}
 
 }  // namespace wireloom

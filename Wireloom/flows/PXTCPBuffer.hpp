@@ -17,6 +17,9 @@
 // most kMaxWindow bytes past the first undelivered one; a segment reaching
 // beyond it sets the missing flag and changes nothing, which is how a hole
 // that will never fill (a lost segment) comes to light.
+//
+// A short run filled from the window (up to 256 bytes) shares a 16 KiB block
+// with the runs delivered around it; keeping one keeps that block.
 
 #include <Wireloom/core/ByteBuffer.hpp>
 
@@ -47,13 +50,14 @@ public:
     bool seenData() const noexcept { return seenData_; }
     // Bytes held from windowStart() on, holes included.
     std::size_t windowLength() const noexcept { return length_; }
-    // Copies of the window, for inspection: the bytes (zero in the holes), and
-    // one byte per position, 1 where data arrived and 0 in a hole.
+    // Copies of the window, for inspection (each costs a pass over it): the
+    // bytes (zero in the holes), and one byte per position, 1 where data
+    // arrived and 0 in a hole.
     ByteBuffer slidingWindow() const;
     ByteBuffer slidingWindowSetBytes() const;
 
 private:
-    // Ring-buffer positions of the window's index `index`.
+    // Ring position of the window's index `index`.
     std::size_t physical(std::size_t index) const noexcept {
         std::size_t p = head_ + index;
         return p >= capacity_ ? p - capacity_ : p;
@@ -62,21 +66,39 @@ private:
     // contiguous stretches of ring that hold window indices [index, index+count).
     template <class Piece>
     void forEachPiece(std::size_t index, std::size_t count, Piece piece) const;
+    // Grows the ring to hold at least `length` bytes.
     void reserve(std::size_t length);
+    void setFlags(std::size_t index, std::size_t count, bool received) noexcept;
+    // The flags of window indices [index, index + 64), bit i for index + i;
+    // bits past the window's end mean nothing.
+    std::uint64_t flagWord(std::size_t index) const noexcept;
+    // Calls visit(index, received) for every position of the window.
+    template <class Visit>
+    void forEachFlag(Visit visit) const;
+    // The first hole at or after `index`, or the window's length.
     std::size_t contiguousFrom(std::size_t index) const noexcept;
-    // The first `count` window bytes of the data (plane 0) or of the flags
-    // (plane capacity_), as a new buffer.
-    ByteBuffer copyFront(std::size_t plane, std::size_t count) const;
+    // The first `count` window bytes, as a new buffer.
+    ByteBuffer copyFront(std::size_t count) const;
+    // Hands out the first `count` bytes and cuts them from the window; short
+    // runs are copied into the slab they share.
+    std::optional<ByteBuffer> deliverFront(std::size_t count);
+    void advanceWindowStart(std::size_t count) noexcept;
 
     std::uint64_t windowStart_ = 0;
     bool seenData_ = false;
-    // The window lives in a ring of capacity_ bytes starting at head_, so
-    // delivering from the front moves nothing. Flags follow the data in the
-    // same block: storage_[capacity_ + p] flags storage_[p].
-    std::unique_ptr<std::uint8_t[]> storage_;
+    // The window lives in a ring of capacity_ bytes (a multiple of 64)
+    // starting at head_, so delivering from the front moves nothing. Bit p of
+    // flags_ is set when data_[p] holds received data; the flags are words so
+    // that a scan or a fill covers 64 positions a step, and a full window
+    // costs 10 MiB of data and 1.25 MiB of flags.
+    std::unique_ptr<std::uint8_t[]> data_;
+    std::unique_ptr<std::uint64_t[]> flags_;
     std::size_t capacity_ = 0;
     std::size_t head_ = 0;
     std::size_t length_ = 0;
+    // Dropped whenever the window empties, so an idle connection holds none.
+    std::shared_ptr<std::uint8_t[]> slab_;
+    std::size_t slabUsed_ = 0;
 };
 
 }  // namespace wireloom
