@@ -91,14 +91,7 @@ std::uint64_t PXTCPBuffer::flagWord(std::size_t index) const noexcept {
     return flags_[word] >> shift | flags_[next] << (kWordBits - shift);
 }
 
-void PXTCPBuffer::setFlags(std::size_t index, std::size_t count, bool received) noexcept {
-    if (count == 1) {  // the byte-at-a-time stream again
-        const std::size_t p = physical(index);
-        const std::uint64_t bit = 1ull << (p % kWordBits);
-        std::uint64_t& word = flags_[p / kWordBits];
-        word = received ? word | bit : word & ~bit;
-        return;
-    }
+void PXTCPBuffer::setFlagRange(std::size_t index, std::size_t count, bool received) noexcept {
     forEachPiece(index, count,
                  [&](std::size_t p, std::size_t, std::size_t n) { setBits(flags_.get(), p, n, received); });
 }

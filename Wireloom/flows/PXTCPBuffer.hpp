@@ -68,7 +68,16 @@ private:
     void forEachPiece(std::size_t index, std::size_t count, Piece piece) const;
     // Grows the ring to hold at least `length` bytes.
     void reserve(std::size_t length);
-    void setFlags(std::size_t index, std::size_t count, bool received) noexcept;
+    // Inline for a single position, which a stream filled a byte at a time
+    // sets twice a push.
+    void setFlags(std::size_t index, std::size_t count, bool received) noexcept {
+        if (count != 1) return setFlagRange(index, count, received);
+        const std::size_t p = physical(index);
+        const std::uint64_t bit = std::uint64_t{1} << (p % 64);
+        std::uint64_t& word = flags_[p / 64];
+        word = received ? word | bit : word & ~bit;
+    }
+    void setFlagRange(std::size_t index, std::size_t count, bool received) noexcept;
     // The flags of window indices [index, index + 64), bit i for index + i;
     // bits past the window's end mean nothing.
     std::uint64_t flagWord(std::size_t index) const noexcept;
