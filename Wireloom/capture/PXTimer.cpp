@@ -5,6 +5,12 @@
 
 namespace wireloom {
 
+double PXTimer::lastFireTime() const {
+    auto clock = time_.lock();
+    auto lock = PXTime::lockTimers(clock.get());
+    return lastFireTime_;
+}
+
 bool PXTimer::isValid() const {
     auto clock = time_.lock();
     auto lock = PXTime::lockTimers(clock.get());

@@ -31,7 +31,7 @@ public:
     // Null once the clock is gone.
     std::shared_ptr<PXTime> time() const noexcept { return time_.lock(); }
     // The clock's time when the timer was scheduled, then at each firing.
-    double lastFireTime() const noexcept { return lastFireTime_; }
+    double lastFireTime() const;
     double interval() const noexcept { return interval_; }
     bool repeats() const noexcept { return repeats_; }
     // True until invalidate() or, for a timer that does not repeat, its firing.
