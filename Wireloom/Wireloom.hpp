@@ -32,3 +32,4 @@
 #include <Wireloom/packets/PacketClass.hpp>
 
 #include <Wireloom/capture/PXCaptureFile.hpp>
+#include <Wireloom/capture/WLNetworkCaptureAssistant.hpp>
