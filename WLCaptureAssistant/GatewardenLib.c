@@ -76,7 +76,9 @@ int GWDOSStatusToErrno(int32_t status) {
 }
 
 int32_t NormaliseOSStatusErrorCode(int32_t status) {
-    if (status == kGWDAuthorizationCanceled || status == GWDErrnoToOSStatus(ECANCELED)) return kGWDStatusUserCanceled;
+    // 100089 is the protocol's own "cancelled" status, whatever errno
+    // number ECANCELED has here.
+    if (status == kGWDAuthorizationCanceled || status == kGWDErrnoStatusBase + 89) return kGWDStatusUserCanceled;
     return status;
 }
 
@@ -286,7 +288,8 @@ int GWDReadDescriptor(int fd, int* descriptor) {
     int result = -1;
     if (header != NULL && header->cmsg_len == kDescriptorControlLength)
         memcpy(&result, CMSG_DATA(header), sizeof(result));
-    bool valid = data == 'D' && message.msg_flags == 0 && header != NULL &&
+    // Linux reports the MSG_CMSG_CLOEXEC asked for among the flags.
+    bool valid = data == 'D' && (message.msg_flags & ~MSG_CMSG_CLOEXEC) == 0 && header != NULL &&
                  header->cmsg_len == kDescriptorControlLength && header->cmsg_level == SOL_SOCKET &&
                  header->cmsg_type == SCM_RIGHTS && result >= 0;
     if (!valid) {

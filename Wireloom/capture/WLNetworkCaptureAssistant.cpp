@@ -327,7 +327,7 @@ std::optional<std::string> WLNetworkCaptureAssistant::installedHelperProgram() {
 
     // LoadUnit reads a unit from disk if systemd has not yet; one that does
     // not exist comes back with the load state "not-found".
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};  // SD_BUS_ERROR_NULL, without the C compound literal
     sd_bus_message* reply = nullptr;
     const char* objectPath = nullptr;
     std::string unitPath;

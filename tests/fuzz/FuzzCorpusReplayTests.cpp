@@ -12,6 +12,7 @@
 #include <vector>
 
 int wireloomFuzz_packet_decode(const std::uint8_t* data, std::size_t size);
+int wireloomFuzz_helper_request(const std::uint8_t* data, std::size_t size);
 
 namespace {
 
@@ -37,4 +38,9 @@ std::size_t replayAll(const std::filesystem::path& directory, FuzzTarget target)
 TEST(FuzzCorpus, PacketDecodeInputsReplayCleanly) {
     EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "packet_decode", wireloomFuzz_packet_decode), 0u);
     replayAll(fuzzDirectory() / "regressions" / "packet_decode", wireloomFuzz_packet_decode);
+}
+
+TEST(FuzzCorpus, HelperRequestInputsReplayCleanly) {
+    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "helper_request", wireloomFuzz_helper_request), 0u);
+    replayAll(fuzzDirectory() / "regressions" / "helper_request", wireloomFuzz_helper_request);
 }
