@@ -81,7 +81,9 @@ static int32_t SetBPFAccess(GWDAuthorizationRef authorization, const void* userD
     struct group* group = getgrnam(kWLAccessBPFGroup);
     if (group == NULL) {
         char* argv[] = {"groupadd", "--system", kWLAccessBPFGroup, NULL};
-        if (GWDRunTool(argv) != 0 || (group = getgrnam(kWLAccessBPFGroup)) == NULL)
+        // Someone else may have created it meanwhile: the group is what counts.
+        GWDRunTool(argv);
+        if ((group = getgrnam(kWLAccessBPFGroup)) == NULL)
             return Refuse(response, EIO, "Could not create the group " kWLAccessBPFGroup);
         GWDLog(logClient, logMessage, kGWDLogInfo, "Created the group %s", kWLAccessBPFGroup);
     }
