@@ -148,6 +148,10 @@ void WLNetworkCaptureAssistant::grantBPFAccess() {
 
 bool WLNetworkCaptureAssistant::installAndVerifyTool() {
     if (!acquireExecuteAuthorization()) return false;
+    return helperAnswersVerified();
+}
+
+bool WLNetworkCaptureAssistant::helperAnswersVerified() {
     auto response = executeRequest(kWLVerifyPrivsCommand, {});
     if (!response) return false;
     auto answer = response->find(kWLResponseKey);
@@ -269,10 +273,7 @@ bool WLNetworkCaptureAssistant::needToInstallHelperTool() {
     auto shippedVersion = bundleVersionOfExecutable(helperToolPath());
     if (!installedVersion || !shippedVersion || *installedVersion != *shippedVersion) return true;
     // Same version, but a helper that cannot act as root is as good as none.
-    auto response = executeRequest(kWLVerifyPrivsCommand, {});
-    if (!response) return true;
-    auto answer = response->find(kWLResponseKey);
-    return !(answer != response->end() && answer->second.string() && *answer->second.string() == kWLVerifiedAnswer);
+    return !helperAnswersVerified();
 }
 
 std::string WLNetworkCaptureAssistant::helperToolPath() const {

@@ -72,6 +72,8 @@ protected:
     virtual std::optional<std::string> installedHelperProgram();
 
 private:
+    bool helperAnswersVerified();
+
     std::string helperIdentifier_;
     GWDAuthorization* authorizationRef_ = nullptr;
     bool authorizationFailed_ = false;

@@ -16,6 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -58,7 +59,12 @@ public:
 
         std::vector<std::string> environment = {"LISTEN_FDS=1", "LISTEN_FDNAMES=MasterSocket",
                                                 std::string("PATH=") + (getenv("PATH") ? getenv("PATH") : "")};
-        environment.insert(environment.end(), extraEnvironment.begin(), extraEnvironment.end());
+        for (const auto& extra : extraEnvironment) {
+            // An extra entry replaces the one of the same name.
+            std::string name = extra.substr(0, extra.find('=') + 1);
+            std::erase_if(environment, [&](const std::string& entry) { return entry.starts_with(name); });
+            environment.push_back(extra);
+        }
         std::vector<char*> envp;
         for (auto& entry : environment) envp.push_back(entry.data());
         envp.push_back(nullptr);
