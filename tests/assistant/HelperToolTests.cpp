@@ -15,14 +15,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-struct PlistDeleter {
-    void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
-};
-using Plist = std::unique_ptr<void, PlistDeleter>;
-
-#define SKIP_UNLESS_ROOT(why) \
-    if (geteuid() != 0) GTEST_SKIP() << "needs root: " << why
-
 // The client's table: it knows commands the real helper does not, so that
 // the helper's own answer to them can be seen.
 const GWDCommandSpec kClientTable[] = {{"VerifyPrivs", nullptr, nullptr, nullptr, nullptr},
@@ -40,9 +32,10 @@ public:
     }
     ~Client() { GWDAuthorizationFree(authorization_, kGWDAuthorizationFlagDestroyRights); }
     // The status, and the response when there is one.
-    std::pair<int32_t, Plist> send(const char* command, plist_t arguments = nullptr) {
-        Plist request(arguments ? arguments : plist_new_dict());
+    std::pair<int32_t, Plist> send(const char* command, const char* key = nullptr, plist_t value = nullptr) {
+        Plist request(plist_new_dict());
         plist_dict_set_item(request.get(), kGWDCommandKey, plist_new_string(command));
+        if (key) plist_dict_set_item(request.get(), key, value);
         plist_t response = nullptr;
         int32_t status = GWDExecuteRequestInHelperTool(authorization_, kClientTable, identifier_.c_str(), request.get(),
                                                        &response, nullptr);
@@ -53,11 +46,6 @@ private:
     std::string identifier_;
     GWDAuthorizationRef authorization_ = nullptr;
 };
-
-std::string stringAt(const Plist& dictionary, const char* key) {
-    plist_t node = dictionary ? plist_dict_get_item(dictionary.get(), key) : nullptr;
-    return node && plist_get_node_type(node) == PLIST_STRING ? plist_get_string_ptr(node, nullptr) : "";
-}
 
 // Sends raw bytes and waits for the helper to hang up; true if it did so
 // within the time given without sending anything.
@@ -78,18 +66,12 @@ class RealHelper : public ::testing::Test {
 protected:
     void SetUp() override {
         SKIP_UNLESS_ROOT("the helper's socket lives in /var/run and its commands change groups");
-        root_ = makeTemporaryFolder();
-        std::filesystem::create_directories(root_ / "dev");
-        for (const char* name : {"bpf0", "bpf1", "bpf2", "bpf3", "null0"}) std::ofstream(root_ / "dev" / name) << "";
-        helper_ =
-            std::make_unique<HelperProcess>(realHelperPath(), socketPathFor(testIdentifier()),
-                                            std::vector<std::string>{kGWDSystemRootVariable "=" + root_.string()});
+        root_ =
+            std::make_unique<SystemRoot>(std::initializer_list<const char*>{"bpf0", "bpf1", "bpf2", "bpf3", "null0"});
+        helper_ = std::make_unique<HelperProcess>(realHelperPath(), socketPathFor(testIdentifier()),
+                                                  std::vector{kGWDSystemRootVariable "=" + root_->path().string()});
     }
-    void TearDown() override {
-        helper_.reset();
-        if (!root_.empty()) std::filesystem::remove_all(root_);
-    }
-    std::filesystem::path root_;
+    std::unique_ptr<SystemRoot> root_;
     std::unique_ptr<HelperProcess> helper_;
 };
 
@@ -106,16 +88,15 @@ TEST_F(RealHelper, ServesItsCommandsToTheLibrarysClient) {
     ASSERT_EQ(unknownStatus, 0);
     EXPECT_EQ(GWDGetErrorFromResponse(unknown.get()), 100002);
 
-    plist_t arguments = plist_new_dict();
-    plist_dict_set_item(arguments, kWLUserKey, plist_new_string(getpwuid(geteuid())->pw_name));
-    auto [accessStatus, access] = client.send("SetBPFAccess", arguments);
+    auto [accessStatus, access] =
+        client.send("SetBPFAccess", kWLUserKey, plist_new_string(getpwuid(geteuid())->pw_name));
     ASSERT_EQ(accessStatus, 0);
     EXPECT_EQ(stringAt(access, kWLErrorKey), "") << helper_->log();
     group* bpfGroup = getgrnam(kWLAccessBPFGroup);
     ASSERT_NE(bpfGroup, nullptr);
     for (const char* name : {"bpf0", "bpf1", "bpf2", "bpf3", "null0"}) {
         struct stat info;
-        ASSERT_EQ(stat((root_ / "dev" / name).c_str(), &info), 0);
+        ASSERT_EQ(stat((root_->path() / "dev" / name).c_str(), &info), 0);
         bool isDevice = std::string(name).starts_with("bpf");
         EXPECT_EQ(info.st_gid == bpfGroup->gr_gid, isDevice) << name;
         EXPECT_EQ((info.st_mode & 060) == 060, isDevice) << name;
@@ -132,29 +113,16 @@ TEST_F(RealHelper, ServesItsCommandsToTheLibrarysClient) {
 }
 
 TEST_F(RealHelper, RefusesToGrantAccessToAnotherUserUnlessAskedByRoot) {
-    // A child that is not root asks for root's access.
-    int result[2];
-    ASSERT_EQ(pipe(result), 0);
     std::string identifier = testIdentifier();  // the parent's pid names it
     pid_t child = fork();
-    if (child == 0) {
-        char answer = 'x';
-        if (setgid(65534) == 0 && setuid(65534) == 0) {
-            Client client(identifier);
-            plist_t arguments = plist_new_dict();
-            plist_dict_set_item(arguments, kWLUserKey, plist_new_string("root"));
-            auto [status, response] = client.send("SetBPFAccess", arguments);
-            answer = status != 0 ? 's' : stringAt(response, kWLErrorKey).empty() ? 'g' : 'r';
-        }
-        (void)!write(result[1], &answer, 1);
-        _exit(0);
+    if (child == 0) {  // not root, asking for root's access: exits 0 when refused
+        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
+        auto [status, response] = Client(identifier).send("SetBPFAccess", kWLUserKey, plist_new_string("root"));
+        _exit(status == 0 && !stringAt(response, kWLErrorKey).empty() ? 0 : 1);
     }
-    char answer = 0;
-    close(result[1]);
-    ASSERT_EQ(read(result[0], &answer, 1), 1);
-    close(result[0]);
-    waitpid(child, nullptr, 0);
-    EXPECT_EQ(answer, 'r') << helper_->log();
+    int exit = -1;
+    waitpid(child, &exit, 0);
+    EXPECT_TRUE(WIFEXITED(exit) && WEXITSTATUS(exit) == 0) << helper_->log();
     EXPECT_NE(helper_->log().find("may not grant capture access to root"), std::string::npos);
 }
 
@@ -235,65 +203,34 @@ TEST(HelperCheckIn, FailsWithoutAMasterSocket) {
 
 TEST(TestHelper, SendsWorkingDescriptorsAndChecksNamedRights) {
     SKIP_UNLESS_ROOT("the client's socket lives in /var/run");
-    // pkcheck stands in for polkit: it answers what the file "answer" holds.
-    auto folder = makeTemporaryFolder();
-    std::ofstream(folder / "pkcheck") << "#!/bin/sh\nexit $(cat " << (folder / "answer").string() << ")\n";
-    std::filesystem::permissions(folder / "pkcheck", std::filesystem::perms::owner_all);
-    std::string path = folder.string() + ":" + getenv("PATH");
-    std::string savedPath = getenv("PATH");
-    setenv("PATH", path.c_str(), 1);
-    {
-        HelperProcess helper(testHelperPath(), socketPathFor(testIdentifier()));
-        Client client(testIdentifier());
+    FakeTools tools;
+    HelperProcess helper(testHelperPath(), socketPathFor(testIdentifier()));
+    Client client(testIdentifier());
 
-        plist_t arguments = plist_new_dict();
-        plist_dict_set_item(arguments, "count", plist_new_uint(3));
-        auto [status, response] = client.send("OpenPipes", arguments);
-        ASSERT_EQ(status, 0) << helper.log();
-        plist_t descriptors = plist_dict_get_item(response.get(), kGWDDescriptorsKey);
-        ASSERT_EQ(plist_array_get_size(descriptors), 3u);
-        for (std::uint32_t i = 0; i < 3; i++) {
-            std::uint64_t fd = 0;
-            plist_get_uint_val(plist_array_get_item(descriptors, i), &fd);
-            char text[16] = {};
-            EXPECT_GT(read(static_cast<int>(fd), text, sizeof(text) - 1), 0);
-            EXPECT_EQ(std::string(text), "pipe " + std::to_string(i));
-        }
-        GWDCloseDescriptorArray(descriptors);
-
-        // Asked on both sides of the connection: the client and the helper.
-        const std::pair<const char*, int32_t> answers[] = {{"0", 0}, {"1", -60005}, {"3", -128}};
-        for (auto [answer, expected] : answers) {
-            std::ofstream(folder / "answer") << answer;
-            auto [rightStatus, rightResponse] = client.send("NeedsRight");
-            EXPECT_EQ(rightStatus, expected) << answer;
-            if (expected == 0) {
-                EXPECT_EQ(stringAt(rightResponse, kWLResponseKey), "granted");
-            }
-        }
+    auto [status, response] = client.send("OpenPipes", "count", plist_new_uint(3));
+    ASSERT_EQ(status, 0) << helper.log();
+    plist_t descriptors = plist_dict_get_item(response.get(), kGWDDescriptorsKey);
+    ASSERT_EQ(plist_array_get_size(descriptors), 3u);
+    for (std::uint32_t i = 0; i < 3; i++) {
+        std::uint64_t fd = 0;
+        plist_get_uint_val(plist_array_get_item(descriptors, i), &fd);
+        char text[16] = {};
+        EXPECT_GT(read(static_cast<int>(fd), text, sizeof(text) - 1), 0);
+        EXPECT_EQ(std::string(text), "pipe " + std::to_string(i));
     }
-    setenv("PATH", savedPath.c_str(), 1);
-    std::filesystem::remove_all(folder);
-}
+    GWDCloseDescriptorArray(descriptors);
 
-TEST(HelperInstaller, InstallsItselfAndItsUnitsBelowTheSystemRoot) {
-    auto root = makeTemporaryFolder();
-    std::string command =
-        "WIRELOOM_SYSTEM_ROOT=" + root.string() + " " + realHelperPath().string() + " install 2>/dev/null";
-    ASSERT_EQ(std::system(command.c_str()), 0);
-    auto read = [](const std::filesystem::path& path) {
-        std::ifstream in(path);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    };
-    std::string label = WLCaptureAssistantLabel;
-    auto tool = root / ("." kGWDHelperToolDirectory) / label;
-    EXPECT_EQ(read(tool), read(realHelperPath()));
-    EXPECT_TRUE((std::filesystem::status(tool).permissions() & std::filesystem::perms::others_exec) !=
-                std::filesystem::perms::none);
-    std::string socketUnit = read(root / ("." kGWDUnitDirectory) / (label + ".socket"));
-    EXPECT_NE(socketUnit.find("ListenStream=/var/run/" + label + ".socket\n"), std::string::npos);
-    EXPECT_NE(socketUnit.find("FileDescriptorName=MasterSocket\n"), std::string::npos);
-    std::string serviceUnit = read(root / ("." kGWDUnitDirectory) / (label + ".service"));
-    EXPECT_NE(serviceUnit.find("ExecStart=" kGWDHelperToolDirectory "/" + label + "\n"), std::string::npos);
-    std::filesystem::remove_all(root);
+    // Granted to the client but refused by the helper, which asks for its peer.
+    tools.set("pkcheck", "[ $PPID = " + std::to_string(helper.pid()) + " ] && exit 1; exit 0");
+    auto [helperStatus, refused] = client.send("NeedsRight");
+    ASSERT_EQ(helperStatus, 0);
+    EXPECT_EQ(GWDGetErrorFromResponse(refused.get()), -60005);
+
+    // polkit's answer, as pkcheck's exit status, on both sides of the connection.
+    for (auto [answer, expected] : {std::pair{0, 0}, {1, -60005}, {3, -128}}) {
+        tools.set("pkcheck", "exit " + std::to_string(answer));
+        auto [rightStatus, rightResponse] = client.send("NeedsRight");
+        EXPECT_EQ(rightStatus, expected) << answer;
+        EXPECT_EQ(stringAt(rightResponse, kWLResponseKey), expected == 0 ? "granted" : "");
+    }
 }

@@ -21,7 +21,7 @@ class AssistantDouble : public WLNetworkCaptureAssistant {
 public:
     using WLNetworkCaptureAssistant::WLNetworkCaptureAssistant;
     std::optional<bool> needsInstall = false;  // nothing: decide for real
-    bool blessSucceeds = true;
+    std::optional<bool> blessSucceeds = true;  // nothing: bless for real
     int blessCalls = 0;
     bool realRequests = false;
     UserInfo answer;
@@ -34,8 +34,9 @@ public:
     }
     bool blessHelperWithError(std::string* error) override {
         blessCalls++;
-        if (!blessSucceeds) *error = "Failed to acquire authorization";
-        return blessSucceeds;
+        if (!blessSucceeds) return WLNetworkCaptureAssistant::blessHelperWithError(error);
+        if (!*blessSucceeds) *error = "Failed to acquire authorization";
+        return *blessSucceeds;
     }
     std::optional<UserInfo> executeRequest(const std::string& command, const UserInfo& args) override {
         if (realRequests) return WLNetworkCaptureAssistant::executeRequest(command, args);
@@ -46,24 +47,6 @@ public:
 
 protected:
     std::optional<std::string> installedHelperProgram() override { return installedProgram; }
-};
-
-// A system root with a dev folder holding the named files.
-class DeviceFolder {
-public:
-    explicit DeviceFolder(std::initializer_list<const char*> names) : root_(makeTemporaryFolder()) {
-        std::filesystem::create_directories(root_ / "dev");
-        for (const char* name : names) std::ofstream(root_ / "dev" / name) << "";
-        setenv(kGWDSystemRootVariable, root_.c_str(), 1);
-    }
-    ~DeviceFolder() {
-        unsetenv(kGWDSystemRootVariable);
-        std::filesystem::remove_all(root_);
-    }
-    void setGroup(const char* name, gid_t gid) { ASSERT_EQ(chown((root_ / "dev" / name).c_str(), -1, gid), 0); }
-
-private:
-    std::filesystem::path root_;
 };
 
 gid_t accessGroup() {
@@ -86,12 +69,12 @@ struct LogCapture {
 TEST(CaptureAssistantGrant, AsksOnlyWhenSomeDeviceLacksTheGroup) {
     AssistantDouble assistant;
     {
-        DeviceFolder devices({"null", "tty0"});
+        SystemRoot devices({"null", "tty0"});
         assistant.grantBPFAccess();
         EXPECT_TRUE(assistant.requests.empty());
     }
     {
-        DeviceFolder devices({"bpf0"});
+        SystemRoot devices({"bpf0"});
         assistant.grantBPFAccess();
         ASSERT_EQ(assistant.requests.size(), 1u);
         EXPECT_EQ(assistant.requests[0].first, kWLSetBPFAccessCommand);
@@ -100,7 +83,7 @@ TEST(CaptureAssistantGrant, AsksOnlyWhenSomeDeviceLacksTheGroup) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root: giving devices to the group " kWLAccessBPFGroup;
     gid_t group = accessGroup();
     ASSERT_NE(group, static_cast<gid_t>(-1));
-    DeviceFolder devices({"bpf0", "bpf1", "bpf2", "bpf3"});
+    SystemRoot devices({"bpf0", "bpf1", "bpf2", "bpf3"});
     for (const char* name : {"bpf0", "bpf1", "bpf2", "bpf3"}) devices.setGroup(name, group);
     assistant.requests.clear();
     assistant.grantBPFAccess();
@@ -112,7 +95,7 @@ TEST(CaptureAssistantGrant, AsksOnlyWhenSomeDeviceLacksTheGroup) {
 
 TEST(CaptureAssistantGrant, LogsTheHelpersError) {
     LogCapture log;
-    DeviceFolder devices({"bpf0"});
+    SystemRoot devices({"bpf0"});
     AssistantDouble assistant;
     assistant.answer = {{kWLErrorKey, "No such user: x"}};
     assistant.grantBPFAccess();
@@ -121,7 +104,7 @@ TEST(CaptureAssistantGrant, LogsTheHelpersError) {
 
 TEST(CaptureAssistantGrant, AFailedInstallGivesUpUntilRelinquished) {
     LogCapture log;
-    DeviceFolder devices({"bpf0"});
+    SystemRoot devices({"bpf0"});
     AssistantDouble assistant;
     assistant.needsInstall = true;
     assistant.blessSucceeds = false;
@@ -160,6 +143,8 @@ TEST(CaptureAssistantInstall, ReinstallsUnlessTheSameVersionAnswersVerified) {
     EXPECT_EQ(assistant.blessCalls, 1);
     assistant.installedProgram = realHelperPath();  // another version
     EXPECT_TRUE(assistant.needToInstallHelperTool());
+    // Without such a service (or without systemd), systemd knows no program.
+    EXPECT_TRUE(WLNetworkCaptureAssistant("org.wireloom.absent.WLCaptureAssistant").needToInstallHelperTool());
 
     assistant.installedProgram = testHelperPath();
     for (auto [answer, install] : {std::pair{"Verified", false}, std::pair{"Not verified", true}}) {
@@ -168,6 +153,36 @@ TEST(CaptureAssistantInstall, ReinstallsUnlessTheSameVersionAnswersVerified) {
         EXPECT_EQ(assistant.needToInstallHelperTool(), install) << answer << helper.log();
         EXPECT_EQ(assistant.installAndVerifyTool(), !install) << answer;
     }
+}
+
+TEST(CaptureAssistantInstall, BlessingRunsTheHelpersInstallerThroughPkexec) {
+    LogCapture log;
+    SystemRoot root({});
+    FakeTools tools;
+    tools.set("pkexec", "exec \"$@\" 2>/dev/null");
+    AssistantDouble assistant;
+    assistant.blessSucceeds.reset();
+    assistant.shippedProgram = realHelperPath();
+
+    tools.set("pkcheck", "exit 1");  // not even by authenticating
+    std::string error;
+    EXPECT_FALSE(assistant.blessHelperWithError(&error));
+    EXPECT_EQ(error, "Failed to acquire authorization");
+    EXPECT_TRUE(log.contains("Error: Could not setup authorization rights"));
+    tools.set("pkcheck", "exit 2");  // an administrator could authorize it
+    EXPECT_FALSE(assistant.blessHelperWithError(&error));
+    assistant.relinquishAuthorization();
+    ASSERT_TRUE(assistant.blessHelperWithError(&error)) << error;
+
+    std::string label = WLCaptureAssistantLabel;
+    auto tool = root.path() / ("." kGWDHelperToolDirectory) / label;
+    EXPECT_EQ(readFile(tool), readFile(realHelperPath()));
+    EXPECT_EQ(WLNetworkCaptureAssistant::bundleVersionOfExecutable(tool), 1);
+    std::string socketUnit = readFile(root.path() / ("." kGWDUnitDirectory) / (label + ".socket"));
+    EXPECT_NE(socketUnit.find("ListenStream=/var/run/" + label + ".socket\n"), std::string::npos);
+    EXPECT_NE(socketUnit.find("FileDescriptorName=MasterSocket\n"), std::string::npos);
+    std::string serviceUnit = readFile(root.path() / ("." kGWDUnitDirectory) / (label + ".service"));
+    EXPECT_NE(serviceUnit.find("ExecStart=" kGWDHelperToolDirectory "/" + label + "\n"), std::string::npos);
 }
 
 TEST(CaptureAssistantShared, TestsCanReplaceTheSharedInstance) {
