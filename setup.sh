@@ -12,6 +12,7 @@ PACKAGES=(
   build-essential cmake pkg-config clang libclang-rt-14-dev
   libpcap-dev libssl-dev libasio-dev libgtest-dev libbenchmark-dev libtins-dev uuid-dev
   tshark tcpdump curl python3 nlohmann-json3-dev
+  libplist-dev libsystemd-dev libelf-dev polkitd pkexec passwd
 )
 JOBS=$(nproc)
 

@@ -34,5 +34,6 @@
 #include <Wireloom/capture/PXCaptureFile.hpp>
 #include <Wireloom/capture/PXTime.hpp>
 #include <Wireloom/capture/PXTimer.hpp>
+#include <Wireloom/capture/WLNetworkCaptureAssistant.hpp>
 
 #include <Wireloom/flows/PXTCPBuffer.hpp>

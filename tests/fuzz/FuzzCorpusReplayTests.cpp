@@ -13,6 +13,7 @@
 
 int wireloomFuzz_packet_decode(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_tcp_buffer(const std::uint8_t* data, std::size_t size);
+int wireloomFuzz_helper_request(const std::uint8_t* data, std::size_t size);
 
 namespace {
 
@@ -43,4 +44,9 @@ TEST(FuzzCorpus, PacketDecodeInputsReplayCleanly) {
 TEST(FuzzCorpus, TcpBufferInputsReplayCleanly) {
     EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "tcp_buffer", wireloomFuzz_tcp_buffer), 0u);
     replayAll(fuzzDirectory() / "regressions" / "tcp_buffer", wireloomFuzz_tcp_buffer);
+}
+
+TEST(FuzzCorpus, HelperRequestInputsReplayCleanly) {
+    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "helper_request", wireloomFuzz_helper_request), 0u);
+    replayAll(fuzzDirectory() / "regressions" / "helper_request", wireloomFuzz_helper_request);
 }
