@@ -31,7 +31,10 @@
 #include <Wireloom/packets/PXUDPPacket.hpp>
 #include <Wireloom/packets/PacketClass.hpp>
 
+#include <Wireloom/capture/PXCaptureDevice.hpp>
 #include <Wireloom/capture/PXCaptureFile.hpp>
+#include <Wireloom/capture/PXCaptureUtilities.hpp>
+#include <Wireloom/capture/PXNetworkCapture.hpp>
 #include <Wireloom/capture/PXTime.hpp>
 #include <Wireloom/capture/PXTimer.hpp>
 #include <Wireloom/capture/WLNetworkCaptureAssistant.hpp>
