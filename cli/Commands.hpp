@@ -13,6 +13,8 @@ inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
 
 int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE* err);
+int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE* err);
+int devicesCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE* err);
 
 void printUsage(std::FILE* to);
 

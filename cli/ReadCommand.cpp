@@ -1,21 +1,20 @@
 // wireloom read FILE [--format tree|json|oneline|none] [--color auto|always|never]
+//
+// The file goes through the same pipeline as a live capture: a capture
+// without a device announces each record, its clock set to the record's time.
 #include "Commands.hpp"
-#include "EntryOutput.hpp"
+#include "FramePrinter.hpp"
 
 #include <Wireloom/Wireloom.hpp>
 
-#include <pcap/pcap.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <map>
 #include <optional>
 
 namespace wireloom::cli {
 
 namespace {
-
-enum class Format { Tree, Json, OneLine, None };
-enum class ColorMode { Auto, Always, Never };
 
 struct ReadOptions {
     std::string path;
@@ -23,46 +22,21 @@ struct ReadOptions {
     ColorMode color = ColorMode::Auto;
 };
 
-// The value after an option, or nothing (with a message) when it is missing.
-const std::string* optionValue(const std::vector<std::string>& args, std::size_t& i, std::FILE* err) {
-    if (i + 1 == args.size()) {
-        std::fprintf(err, "wireloom: %s needs a value\n", args[i].c_str());
-        return nullptr;
-    }
-    return &args[++i];
-}
-
 std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args, std::FILE* err) {
     ReadOptions options;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        if (arg == "--format") {
+        if (arg == "--format" || arg == "--color") {
             const std::string* value = optionValue(args, i, err);
             if (!value) return std::nullopt;
-            if (*value == "tree")
-                options.format = Format::Tree;
-            else if (*value == "json")
-                options.format = Format::Json;
-            else if (*value == "oneline")
-                options.format = Format::OneLine;
-            else if (*value == "none")
-                options.format = Format::None;
-            else {
-                std::fprintf(err, "wireloom: unknown format '%s'\n", value->c_str());
-                return std::nullopt;
-            }
-        } else if (arg == "--color") {
-            const std::string* value = optionValue(args, i, err);
-            if (!value) return std::nullopt;
-            if (*value == "auto")
-                options.color = ColorMode::Auto;
-            else if (*value == "always")
-                options.color = ColorMode::Always;
-            else if (*value == "never")
-                options.color = ColorMode::Never;
-            else {
-                std::fprintf(err, "wireloom: unknown colour mode '%s'\n", value->c_str());
-                return std::nullopt;
+            if (arg == "--format") {
+                std::optional<Format> format = parseFormat(*value, true, err);
+                if (!format) return std::nullopt;
+                options.format = *format;
+            } else {
+                std::optional<ColorMode> color = parseColorMode(*value, err);
+                if (!color) return std::nullopt;
+                options.color = *color;
             }
         } else if (arg.size() > 1 && arg[0] == '-') {
             std::fprintf(err, "wireloom: unknown option '%s'\n", arg.c_str());
@@ -81,39 +55,34 @@ std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args
     return options;
 }
 
-// Frame number, capture time, then each decoded layer from the outermost in.
-void printOneLine(std::FILE* out, std::uint64_t number, const PXPacket& innermost) {
-    std::vector<const PXPacket*> layers;
-    for (const PXPacket* p = &innermost; p->encapsulatingPacket(); p = p->encapsulatingPacket().get())
-        layers.push_back(p);
-    std::fprintf(out, "%llu %.6f", static_cast<unsigned long long>(number), innermost.timestamp());
-    if (layers.empty()) {
-        std::fprintf(out, " %s (%zu bytes, no layer decoded)\n", innermost.description().c_str(),
-                     innermost.rawData().size());
-        return;
+// A bar on a terminal's standard error for files large enough to wait for;
+// the records' bytes against the file's size.
+class ProgressBar {
+public:
+    ProgressBar(const std::string& path, std::FILE* err) : err_(err) {
+        struct stat info {};
+        if (err == stderr && isatty(STDERR_FILENO) && stat(path.c_str(), &info) == 0 && info.st_size > (64 << 20))
+            fileBytes_ = static_cast<double>(info.st_size);
     }
-    for (auto it = layers.rbegin(); it != layers.rend(); ++it)
-        std::fprintf(out, "%s %s", it == layers.rbegin() ? "" : " |", (*it)->description().c_str());
-    std::fputc('\n', out);
-}
+    void advance(std::uint64_t recordBytes) {
+        if (fileBytes_ == 0) return;
+        bytes_ += recordBytes + 16;  // with the record header
+        const int percent = static_cast<int>(100.0 * static_cast<double>(bytes_) / fileBytes_);
+        if (percent == shown_ || percent > 100) return;
+        shown_ = percent;
+        std::fprintf(err_, "\r[%-50s] %3d%%", std::string(static_cast<std::size_t>(percent / 2), '#').c_str(), percent);
+        std::fflush(err_);
+    }
+    ~ProgressBar() {
+        if (shown_ >= 0) std::fprintf(err_, "\r%72s\r", "");
+    }
 
-// Each layer's entry, outermost first, then a blank line between frames.
-// Written out a megabyte at a time.
-void printTree(std::FILE* out, std::uint64_t number, const PXPacket& innermost, bool color, TextBuffer& buffer) {
-    if (number > 1) buffer.append('\n');
-    for (const auto& entry : layerEntries(innermost)) appendEntryText(buffer, *entry, color);
-    if (buffer.size() >= (1u << 20)) buffer.flush(out);
-}
-
-// {"frame": N, "timestamp": T, "layers": [...]} on one line.
-void printJSON(std::FILE* out, std::uint64_t number, const PXPacket& innermost) {
-    nlohmann::json layers = nlohmann::json::array();
-    for (const auto& entry : layerEntries(innermost)) layers.push_back(entryJSON(*entry));
-    nlohmann::json frame = {{"frame", number}, {"timestamp", innermost.timestamp()}, {"layers", std::move(layers)}};
-    std::string line = frame.dump();
-    line += '\n';
-    std::fwrite(line.data(), 1, line.size(), out);
-}
+private:
+    std::FILE* err_;
+    double fileBytes_ = 0;
+    std::uint64_t bytes_ = 0;
+    int shown_ = -1;
+};
 
 }  // namespace
 
@@ -131,38 +100,22 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
         return kExitFailure;
     }
 
-    const bool color = options->color == ColorMode::Always ||
-                       (options->color == ColorMode::Auto && out == stdout && isatty(STDOUT_FILENO));
-    TextBuffer buffer;
-    std::uint64_t frames = 0;
-    // Frames whose chain reaches each layer class, by registry position.
-    std::map<int, std::uint64_t> framesPerClass;
-    while (PXPacketPtr packet = file->nextPacket(&error)) {
-        ++frames;
-        if (options->format == Format::Tree) {
-            printTree(out, frames, *packet, color, buffer);
-        } else if (options->format == Format::Json) {
-            printJSON(out, frames, *packet);
-        } else if (options->format == Format::OneLine) {
-            printOneLine(out, frames, *packet);
-        } else {
-            for (const PXPacket* p = packet.get(); p->encapsulatingPacket(); p = p->encapsulatingPacket().get())
-                ++framesPerClass[p->packetClass().registryIndex()];
-        }
-    }
-
-    buffer.flush(out);
-    if (options->format == Format::None) {
-        std::fprintf(out, "frames read: %llu\n", static_cast<unsigned long long>(frames));
-        for (const PacketClass& cls : PXPacket::packetClasses()) {
-            auto found = framesPerClass.find(cls.registryIndex());
-            std::string name(cls.name());
-            std::fprintf(out, "%s: %llu\n", name.c_str(),
-                         static_cast<unsigned long long>(found == framesPerClass.end() ? 0 : found->second));
-        }
-    }
-    std::fflush(out);
-    if (!error.empty()) {
+    FramePrinter printer(out, options->format, colorFor(options->color, out));
+    const PXNetworkCapture::Ptr capture = PXNetworkCapture::captureWithNullDevice();
+    NotificationCenter& center = NotificationCenter::defaultCenter();
+    center.addObserver(
+        &printer, kPXNetworkCapturePacketNotificationName,
+        [&printer](const Notification& notification) {
+            if (auto packet = notification.userInfo.at("packet").object<PXPacket>()) printer.print(*packet);
+        },
+        capture.get());
+    ProgressBar progress(options->path, err);
+    const bool complete = capture->replayCaptureFile(*file, &error, [&](std::uint64_t) {
+        if (const PXPacketPtr packet = capture->currentPacket()) progress.advance(packet->rawData().size());
+    });
+    center.removeObserver(&printer);
+    printer.finish();
+    if (!complete) {
         std::fprintf(err, "wireloom: %s: %s\n", options->path.c_str(), error.c_str());
         return kExitFailure;
     }

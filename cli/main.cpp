@@ -8,13 +8,22 @@ using namespace wireloom::cli;
 void wireloom::cli::printUsage(std::FILE* to) {
     std::fputs(
         "usage: wireloom read FILE [--format tree|json|oneline|none] [--color auto|always|never]\n"
+        "       wireloom capture [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]\n"
+        "                        [--format tree|oneline|json] [--color auto|always|never]\n"
+        "       wireloom devices\n"
         "\n"
         "  read    decode every frame of a capture file (pcap or pcapng)\n"
         "          --format tree     each layer as its report entries, indented (default)\n"
         "          --format json     one JSON object per frame and line\n"
         "          --format oneline  one line per frame: number, time, each layer\n"
         "          --format none     decode everything, print only a summary\n"
-        "          --color           colours in tree output: auto (on a terminal), always, never\n",
+        "          --color           colours in tree output: auto (on a terminal), always, never\n"
+        "\n"
+        "  capture live capture on IFACE (default: the first device libpcap lists) until\n"
+        "          Ctrl-C, COUNT frames or SECONDS; frames printed as with read (default\n"
+        "          oneline); -f a filter in libpcap's language; -w writes them as pcap\n"
+        "\n"
+        "  devices every capture device with its type and addresses\n",
         to);
 }
 
@@ -27,6 +36,8 @@ int main(int argc, char** argv) {
     const std::string command = args.front();
     args.erase(args.begin());
     if (command == "read") return readCommand(args, stdout, stderr);
+    if (command == "capture") return captureCommand(args, stdout, stderr);
+    if (command == "devices") return devicesCommand(args, stdout, stderr);
     if (command == "--help" || command == "-h" || command == "help") {
         printUsage(stdout);
         return 0;

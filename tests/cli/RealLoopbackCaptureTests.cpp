@@ -93,3 +93,44 @@ TEST(RealLoopbackCapture, ReadDecodesCurlTalkingToHttpServer) {
     EXPECT_GE(std::count(lines.begin(), lines.end(), '\n'), 8) << lines;
     fs::remove_all(dir);
 }
+
+TEST(RealLoopbackCapture, CaptureCommandWritesWhatCurlFetched) {
+    fs::path wireloom = wireloom::testing::binaryDir() / "cli" / "wireloom";
+    if (!fs::exists(wireloom)) GTEST_SKIP() << "the wireloom command was not built";
+    if (geteuid() != 0) GTEST_SKIP() << "capturing on lo needs root";
+    for (const char* program : {"tshark", "curl", "python3"})
+        if (!have(program)) GTEST_SKIP() << program << " is not installed";
+
+    fs::path dir = fs::path(::testing::TempDir()) / ("wireloom-capture-" + std::to_string(getpid()));
+    fs::create_directories(dir);
+    for (const char* page : {"one.txt", "two.txt", "three.txt"}) std::ofstream(dir / page) << "page " << page << "\n";
+    const int port = 20000 + getpid() % 2000;
+    const std::string capture = (dir / "out.pcap").string();
+    const std::string serverPid =
+        spawn("python3 -u -m http.server " + std::to_string(port) + " --bind 127.0.0.1 --directory " + dir.string(),
+              dir / "server.log");
+    const std::string capturePid = spawn(wireloom.string() + " capture -i lo -f 'tcp port " + std::to_string(port) +
+                                             "' -w " + capture + " --format oneline",
+                                         dir / "capture.log");
+    waitFor(dir / "server.log", "Serving HTTP");
+    waitFor(dir / "capture.log", "capturing on lo");
+    for (const char* page : {"one.txt", "two.txt", "three.txt"})
+        output("curl -s http://127.0.0.1:" + std::to_string(port) + "/" + page);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    std::system(("kill -INT " + capturePid + "; kill " + serverPid).c_str());
+    waitFor(dir / "capture.log", "frames announced");
+    const std::string log = output("cat " + (dir / "capture.log").string());
+    ASSERT_NE(log.find("dropped 0"), std::string::npos) << log;
+
+    // tshark finds the three requests in the file, and as many frames as
+    // wireloom reads back as JSON objects, one a line.
+    const std::string uris = output("tshark -r " + capture + " -Y http.request -T fields -e http.request.uri 2>/dev/null");
+    EXPECT_EQ(uris, "/one.txt\n/two.txt\n/three.txt\n");
+    const std::string frames = output("tshark -r " + capture + " 2>/dev/null | wc -l");
+    const std::string objects =
+        output(wireloom.string() + " read " + capture +
+               " --format json | python3 -c 'import json,sys; print(sum(1 for l in sys.stdin if json.loads(l)))'");
+    EXPECT_EQ(objects, frames);
+    EXPECT_GE(std::stoi(frames), 3 * 8);
+    fs::remove_all(dir);
+}

@@ -1,0 +1,185 @@
+// wireloom capture [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]
+//                  [--format tree|oneline|json] [--color auto|always|never]
+// wireloom devices
+#include "Commands.hpp"
+#include "FramePrinter.hpp"
+
+#include <Wireloom/Wireloom.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+
+namespace wireloom::cli {
+
+namespace {
+
+struct CaptureOptions {
+    std::string interface;
+    std::string filter;
+    std::uint64_t count = 0;  // 0: no limit
+    double duration = 0;      // 0: no limit
+    std::string outputPath;
+    Format format = Format::OneLine;
+    ColorMode color = ColorMode::Auto;
+};
+
+std::optional<double> positiveNumber(const std::string& text) {
+    char* end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    if (end == text.c_str() || *end != '\0' || !(value > 0)) return std::nullopt;
+    return value;
+}
+
+std::optional<CaptureOptions> parseCaptureOptions(const std::vector<std::string>& args, std::FILE* err) {
+    CaptureOptions options;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        const bool takesValue = arg == "-i" || arg == "-f" || arg == "-c" || arg == "--duration" || arg == "-w" ||
+                                arg == "--format" || arg == "--color";
+        if (!takesValue) {
+            std::fprintf(err, "wireloom: %s '%s'\n", arg[0] == '-' ? "unknown option" : "unexpected argument",
+                         arg.c_str());
+            return std::nullopt;
+        }
+        const std::string* value = optionValue(args, i, err);
+        if (!value) return std::nullopt;
+        if (arg == "-i") {
+            options.interface = *value;
+        } else if (arg == "-f") {
+            options.filter = *value;
+        } else if (arg == "-w") {
+            options.outputPath = *value;
+        } else if (arg == "-c" || arg == "--duration") {
+            const std::optional<double> number = positiveNumber(*value);
+            if (!number || (arg == "-c" && *number != static_cast<double>(static_cast<std::uint64_t>(*number)))) {
+                std::fprintf(err, "wireloom: %s needs a positive %s, not '%s'\n", arg.c_str(),
+                             arg == "-c" ? "whole number" : "number", value->c_str());
+                return std::nullopt;
+            }
+            if (arg == "-c")
+                options.count = static_cast<std::uint64_t>(*number);
+            else
+                options.duration = *number;
+        } else if (arg == "--format") {
+            std::optional<Format> format = parseFormat(*value, false, err);
+            if (!format) return std::nullopt;
+            options.format = *format;
+        } else {
+            std::optional<ColorMode> color = parseColorMode(*value, err);
+            if (!color) return std::nullopt;
+            options.color = *color;
+        }
+    }
+    return options;
+}
+
+volatile std::sig_atomic_t gInterrupted = 0;
+
+void onInterrupt(int) { gInterrupted = 1; }
+
+}  // namespace
+
+int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE* err) {
+    std::optional<CaptureOptions> options = parseCaptureOptions(args, err);
+    if (!options) {
+        printUsage(err);
+        return kExitUsage;
+    }
+    PXCaptureDevice::Ptr device = options->interface.empty() ? PXCaptureDevice::defaultDevice()
+                                                             : PXCaptureDevice::deviceWithInterface(options->interface);
+    if (!device) {
+        std::fprintf(err, "wireloom: %s\n",
+                     options->interface.empty() ? "no capture device found"
+                                                : ("no capture device '" + options->interface + "'").c_str());
+        return kExitFailure;
+    }
+
+    std::FILE* pcapFile = nullptr;
+    if (!options->outputPath.empty() && !(pcapFile = std::fopen(options->outputPath.c_str(), "wb"))) {
+        std::fprintf(err, "wireloom: %s: %s\n", options->outputPath.c_str(), std::strerror(errno));
+        return kExitFailure;
+    }
+
+    const PXNetworkCapture::Ptr capture = PXNetworkCapture::captureWithDevice(device);
+    capture->setCaptureFilter(options->filter);
+    FramePrinter printer(out, options->format, colorFor(options->color, out));
+    bool wroteHeader = false;
+    NotificationCenter& center = NotificationCenter::defaultCenter();
+    center.addObserver(
+        &printer, kPXNetworkCapturePacketNotificationName,
+        [&](const Notification& notification) {
+            const PXPacketPtr packet = notification.userInfo.at("packet").object<PXPacket>();
+            if (!packet || (options->count && printer.frames() >= options->count)) return;
+            printer.print(*packet);
+            if (!pcapFile) return;
+            if (!wroteHeader) {
+                const ByteBuffer header = PXPacket::pcapHeaderForRepresentativePacket(*packet);
+                std::fwrite(header.data(), 1, header.size(), pcapFile);
+                wroteHeader = true;
+            }
+            const ByteBuffer record = packet->pcapFileEntry();
+            std::fwrite(record.data(), 1, record.size(), pcapFile);
+        },
+        capture.get());
+
+    std::string error;
+    if (!capture->startWithError(&error)) {
+        center.removeObserver(&printer);
+        if (pcapFile) std::fclose(pcapFile);
+        std::fprintf(err, "wireloom: %s\n", error.c_str());
+        return kExitFailure;
+    }
+    std::signal(SIGINT, onInterrupt);
+    std::signal(SIGTERM, onInterrupt);
+    std::fprintf(err, "wireloom: capturing on %s\n", device->interface().c_str());
+    const auto deadline = options->duration > 0
+                              ? RunLoop::Clock::now() + std::chrono::duration_cast<RunLoop::Clock::duration>(
+                                                            std::chrono::duration<double>(options->duration))
+                              : RunLoop::Clock::time_point::max();
+    // In slices, so that a signal is noticed promptly.
+    while (!gInterrupted && RunLoop::Clock::now() < deadline && (!options->count || printer.frames() < options->count))
+        RunLoop::main().runUntil([&] { return gInterrupted || (options->count && printer.frames() >= options->count); },
+                                 std::min(deadline, RunLoop::Clock::now() + std::chrono::milliseconds(100)));
+    capture->stop();
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+    center.removeObserver(&printer);
+    printer.finish();
+    if (pcapFile) std::fclose(pcapFile);
+
+    const PXNetworkCapture::Statistics counters = capture->statistics();
+    std::fprintf(err, "wireloom: %llu frames announced; libpcap received %llu, dropped %llu\n",
+                 static_cast<unsigned long long>(printer.frames()), static_cast<unsigned long long>(counters.received),
+                 static_cast<unsigned long long>(counters.dropped));
+    return 0;
+}
+
+int devicesCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE* err) {
+    if (!args.empty()) {
+        std::fprintf(err, "wireloom: devices takes no arguments\n");
+        printUsage(err);
+        return kExitUsage;
+    }
+    const std::optional<std::vector<PXCaptureDevice::Ptr>> devices = PXCaptureDevice::allDevices();
+    if (!devices) {
+        std::fprintf(err, "wireloom: libpcap could not list the capture devices\n");
+        return kExitFailure;
+    }
+    const PXCaptureDevice::Ptr preferred = PXCaptureDevice::defaultDevice();
+    static const char* const kTypes[] = {"unknown", "Ethernet", "IEEE 802.11", "IEEE 1394"};
+    for (const PXCaptureDevice::Ptr& device : *devices) {
+        const bool isDefault = preferred && preferred->interface() == device->interface();
+        std::fprintf(out, "%s%s  (%s)%s\n", device->interface().c_str(), isDefault ? " [default]" : "",
+                     kTypes[device->type() >= 0 && device->type() <= 3 ? device->type() : 0],
+                     device->info() ? (" " + *device->info()).c_str() : "");
+        for (const std::string& address : device->addresses()) std::fprintf(out, "    %s\n", address.c_str());
+    }
+    return 0;
+}
+
+}  // namespace wireloom::cli

@@ -1,0 +1,100 @@
+#include "FramePrinter.hpp"
+#include "EntryOutput.hpp"
+
+#include <unistd.h>
+
+namespace wireloom::cli {
+
+const std::string* optionValue(const std::vector<std::string>& args, std::size_t& i, std::FILE* err) {
+    if (i + 1 == args.size()) {
+        std::fprintf(err, "wireloom: %s needs a value\n", args[i].c_str());
+        return nullptr;
+    }
+    return &args[++i];
+}
+
+std::optional<Format> parseFormat(const std::string& word, bool allowNone, std::FILE* err) {
+    if (word == "tree") return Format::Tree;
+    if (word == "json") return Format::Json;
+    if (word == "oneline") return Format::OneLine;
+    if (word == "none" && allowNone) return Format::None;
+    std::fprintf(err, "wireloom: unknown format '%s'\n", word.c_str());
+    return std::nullopt;
+}
+
+std::optional<ColorMode> parseColorMode(const std::string& word, std::FILE* err) {
+    if (word == "auto") return ColorMode::Auto;
+    if (word == "always") return ColorMode::Always;
+    if (word == "never") return ColorMode::Never;
+    std::fprintf(err, "wireloom: unknown colour mode '%s'\n", word.c_str());
+    return std::nullopt;
+}
+
+bool colorFor(ColorMode mode, std::FILE* out) {
+    return mode == ColorMode::Always || (mode == ColorMode::Auto && out == stdout && isatty(STDOUT_FILENO));
+}
+
+namespace {
+
+// Frame number, capture time, then each decoded layer from the outermost in.
+void printOneLine(std::FILE* out, std::uint64_t number, const PXPacket& innermost) {
+    std::vector<const PXPacket*> layers;
+    for (const PXPacket* p = &innermost; p->encapsulatingPacket(); p = p->encapsulatingPacket().get())
+        layers.push_back(p);
+    std::fprintf(out, "%llu %.6f", static_cast<unsigned long long>(number), innermost.timestamp());
+    if (layers.empty()) {
+        std::fprintf(out, " %s (%zu bytes, no layer decoded)\n", innermost.description().c_str(),
+                     innermost.rawData().size());
+        return;
+    }
+    for (auto it = layers.rbegin(); it != layers.rend(); ++it)
+        std::fprintf(out, "%s %s", it == layers.rbegin() ? "" : " |", (*it)->description().c_str());
+    std::fputc('\n', out);
+}
+
+// {"frame": N, "timestamp": T, "layers": [...]} on one line.
+void printJSON(std::FILE* out, std::uint64_t number, const PXPacket& innermost) {
+    nlohmann::json layers = nlohmann::json::array();
+    for (const auto& entry : layerEntries(innermost)) layers.push_back(entryJSON(*entry));
+    nlohmann::json frame = {{"frame", number}, {"timestamp", innermost.timestamp()}, {"layers", std::move(layers)}};
+    std::string line = frame.dump();
+    line += '\n';
+    std::fwrite(line.data(), 1, line.size(), out);
+}
+
+}  // namespace
+
+void FramePrinter::print(const PXPacket& innermost) {
+    ++frames_;
+    switch (format_) {
+    case Format::Tree:
+        // Each layer's entry, outermost first, a blank line between frames;
+        // written out a megabyte at a time.
+        if (frames_ > 1) buffer_.append('\n');
+        for (const auto& entry : layerEntries(innermost)) appendEntryText(buffer_, *entry, color_);
+        if (buffer_.size() >= (1u << 20)) buffer_.flush(out_);
+        break;
+    case Format::Json: printJSON(out_, frames_, innermost); break;
+    case Format::OneLine: printOneLine(out_, frames_, innermost); break;
+    case Format::None:
+        for (const PXPacket* p = &innermost; p->encapsulatingPacket(); p = p->encapsulatingPacket().get())
+            ++framesPerClass_[p->packetClass().registryIndex()];
+        break;
+    }
+}
+
+void FramePrinter::finish() {
+    buffer_.flush(out_);
+    if (format_ == Format::None) {
+        std::fprintf(out_, "frames read: %llu\n", static_cast<unsigned long long>(frames_));
+        for (const PacketClass& cls : PXPacket::packetClasses()) {
+            auto found = framesPerClass_.find(cls.registryIndex());
+            std::string name(cls.name());
+            std::fprintf(out_, "%s: %llu\n", name.c_str(),
+                         static_cast<unsigned long long>(found == framesPerClass_.end() ? 0 : found->second));
+        }
+    }
+    std::fflush(out_);
+}
+
+}  // namespace wireloom::cli
