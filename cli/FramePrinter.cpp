@@ -1,6 +1,9 @@
 #include "FramePrinter.hpp"
 #include "EntryOutput.hpp"
 
+#include <Wireloom/core/detail/NumberText.hpp>
+#include <Wireloom/core/detail/TextWriter.hpp>
+
 #include <unistd.h>
 
 namespace wireloom::cli {
@@ -37,19 +40,23 @@ bool colorFor(ColorMode mode, std::FILE* out) {
 namespace {
 
 // Frame number, capture time, then each decoded layer from the outermost in.
-void printOneLine(std::FILE* out, std::uint64_t number, const PXPacket& innermost) {
+void appendOneLine(TextBuffer& out, std::uint64_t number, const PXPacket& innermost) {
+    std::string line;
+    detail::TextWriter writer(line);
+    char timestamp[detail::kNumberTextCapacity];
+    std::string overflow;
+    writer << detail::Decimal{number} << ' ' << detail::fixedText(timestamp, innermost.timestamp(), overflow);
     std::vector<const PXPacket*> layers;
     for (const PXPacket* p = &innermost; p->encapsulatingPacket(); p = p->encapsulatingPacket().get())
         layers.push_back(p);
-    std::fprintf(out, "%llu %.6f", static_cast<unsigned long long>(number), innermost.timestamp());
     if (layers.empty()) {
-        std::fprintf(out, " %s (%zu bytes, no layer decoded)\n", innermost.description().c_str(),
-                     innermost.rawData().size());
-        return;
+        writer << ' ' << innermost.description() << " (" << detail::Decimal{innermost.rawData().size()}
+               << " bytes, no layer decoded)";
     }
     for (auto it = layers.rbegin(); it != layers.rend(); ++it)
-        std::fprintf(out, "%s %s", it == layers.rbegin() ? "" : " |", (*it)->description().c_str());
-    std::fputc('\n', out);
+        writer << (it == layers.rbegin() ? " " : " | ") << (*it)->description();
+    writer << '\n';
+    out.append(line);
 }
 
 // {"frame": N, "timestamp": T, "layers": [...]} on one line.
@@ -75,7 +82,10 @@ void FramePrinter::print(const PXPacket& innermost) {
         if (buffer_.size() >= (1u << 20)) buffer_.flush(out_);
         break;
     case Format::Json: printJSON(out_, frames_, innermost); break;
-    case Format::OneLine: printOneLine(out_, frames_, innermost); break;
+    case Format::OneLine:
+        appendOneLine(buffer_, frames_, innermost);
+        if (buffer_.size() >= (1u << 20)) buffer_.flush(out_);
+        break;
     case Format::None:
         for (const PXPacket* p = &innermost; p->encapsulatingPacket(); p = p->encapsulatingPacket().get())
             ++framesPerClass_[p->packetClass().registryIndex()];

@@ -194,11 +194,15 @@ bool PXNetworkCapture::PX_processPacketHeader(const pcap_pkthdr& header, const s
     currentPacket_ = packet;
     NotificationCenter& center = NotificationCenter::defaultCenter();
     const std::shared_ptr<Object> self = shared_from_this();
-    center.postNotification(kPXNetworkCapturePacketDecodeOpportunityNotificationName, self, packetInfo(packet));
-    const UserInfo current = packetInfo(announcing_);
-    center.postNotification(kPXNetworkCapturePrePacketNotificationName, self, current);
-    center.postNotification(kPXNetworkCapturePacketNotificationName, self, current);
-    center.postNotification(kPXNetworkCapturePostPacketNotificationName, self, current);
+    // The user-info is made only for a notification somebody observes: a
+    // replay announces every frame of a file four times.
+    const auto post = [&](const char* name) {
+        if (center.observerCount(name) > 0) center.postNotification(name, self, packetInfo(announcing_));
+    };
+    post(kPXNetworkCapturePacketDecodeOpportunityNotificationName);
+    post(kPXNetworkCapturePrePacketNotificationName);
+    post(kPXNetworkCapturePacketNotificationName);
+    post(kPXNetworkCapturePostPacketNotificationName);
     announcing_.reset();
     return true;
 }

@@ -1,4 +1,5 @@
 #include <Wireloom/core/Object.hpp>
+#include <Wireloom/core/detail/TextWriter.hpp>
 
 #include <cxxabi.h>
 
@@ -19,9 +20,13 @@ std::string Object::className() const {
 }
 
 std::string Object::genericDescription() const {
-    char address[2 + 2 * sizeof(void*) + 1];
-    std::snprintf(address, sizeof address, "%p", static_cast<const void*>(this));
-    return "<" + className() + ": " + address + ">";
+    std::string text;
+    appendGenericDescription(text);
+    return text;
+}
+
+void Object::appendGenericDescription(std::string& out) const {
+    detail::TextWriter(out) << '<' << className() << ": " << detail::Pointer{this} << '>';
 }
 
 }  // namespace wireloom

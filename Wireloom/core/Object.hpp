@@ -20,6 +20,8 @@ public:
     virtual std::string description() const { return genericDescription(); }
     // "<ClassName: 0x7f...>" with the object's address in lower-case hex.
     std::string genericDescription() const;
+    // The same, appended to `out`.
+    void appendGenericDescription(std::string& out) const;
 
 protected:
     Object() = default;

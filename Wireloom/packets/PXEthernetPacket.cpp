@@ -1,5 +1,6 @@
 #include <Wireloom/core/detail/ByteReader.hpp>
 #include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/core/detail/TextWriter.hpp>
 #include <Wireloom/packets/PXEthernetPacket.hpp>
 #include <Wireloom/packets/PXIPv4Packet.hpp>
 #include <Wireloom/packets/PXIPv6Packet.hpp>
@@ -56,8 +57,11 @@ PXPacketPtr PXEthernetPacket::packetFromData(const ByteBuffer& data, const PXPac
 }
 
 std::string PXEthernetPacket::description() const {
-    return detail::stringWithFormat("(Eth) MAC %s => %s, proto 0x%04x - %s", macSource().c_str(), macDest().c_str(),
-                                    payloadType_, genericDescription().c_str());
+    std::string text;
+    detail::TextWriter(text) << "(Eth) MAC " << macSource() << " => " << macDest() << ", proto 0x"
+                             << detail::Hex{payloadType_, 4} << " - ";
+    appendGenericDescription(text);
+    return text;
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXEthernetPacket::reportAnalyzerEntry() const {

@@ -1,5 +1,6 @@
 #include <Wireloom/core/detail/ByteReader.hpp>
 #include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/core/detail/TextWriter.hpp>
 #include <Wireloom/packets/PXIPv4Packet.hpp>
 #include <Wireloom/packets/detail/IPProtocols.hpp>
 #include <Wireloom/packets/detail/PacketEntryTitles.hpp>
@@ -58,8 +59,11 @@ PXPacketPtr PXIPv4Packet::packetFromData(const ByteBuffer& data, const PXPacketP
 }
 
 std::string PXIPv4Packet::description() const {
-    return detail::stringWithFormat("(IPv4) size %u bytes, addr %s => %s - %s", payloadSize_, sourceAddress().c_str(),
-                                    destAddress().c_str(), genericDescription().c_str());
+    std::string text;
+    detail::TextWriter(text) << "(IPv4) size " << detail::Decimal{payloadSize_} << " bytes, addr " << sourceAddress()
+                             << " => " << destAddress() << " - ";
+    appendGenericDescription(text);
+    return text;
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXIPv4Packet::reportAnalyzerEntry() const {

@@ -1,5 +1,6 @@
 #include <Wireloom/core/detail/ByteReader.hpp>
 #include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/core/detail/TextWriter.hpp>
 #include <Wireloom/packets/PXIPv6Packet.hpp>
 #include <Wireloom/packets/detail/IPProtocols.hpp>
 #include <Wireloom/packets/detail/PacketEntryTitles.hpp>
@@ -98,9 +99,11 @@ PXPacketPtr PXIPv6Packet::packetFromData(const ByteBuffer& data, const PXPacketP
 }
 
 std::string PXIPv6Packet::description() const {
-    return detail::stringWithFormat("(IPv6) size %u bytes, addr %s => %s, proto 0x%02x - %s", payloadSize_,
-                                    sourceAddress().c_str(), destAddress().c_str(), protocol_,
-                                    genericDescription().c_str());
+    std::string text;
+    detail::TextWriter(text) << "(IPv6) size " << detail::Decimal{payloadSize_} << " bytes, addr " << sourceAddress()
+                             << " => " << destAddress() << ", proto 0x" << detail::Hex{protocol_, 2} << " - ";
+    appendGenericDescription(text);
+    return text;
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXIPv6Packet::reportAnalyzerEntry() const {

@@ -1,5 +1,6 @@
 #include <Wireloom/core/detail/ByteReader.hpp>
 #include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/core/detail/TextWriter.hpp>
 #include <Wireloom/packets/PXRTPPacket.hpp>
 #include <Wireloom/packets/PXUDPPacket.hpp>
 #include <Wireloom/packets/detail/PacketEntryTitles.hpp>
@@ -28,9 +29,11 @@ PXPacketPtr PXRTPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
 }
 
 std::string PXRTPPacket::description() const {
-    return detail::stringWithFormat("(RTP) size %u bytes, seq %u, timestamp %u, identifier 0x%x",
-                                    static_cast<unsigned>(payload_.size()), sequenceNumber_, rtpTimestamp_,
-                                    ssrcIdentifier_);
+    std::string text;
+    detail::TextWriter(text) << "(RTP) size " << detail::Decimal{static_cast<std::uint32_t>(payload_.size())}
+                             << " bytes, seq " << detail::Decimal{sequenceNumber_} << ", timestamp "
+                             << detail::Decimal{rtpTimestamp_} << ", identifier 0x" << detail::Hex{ssrcIdentifier_};
+    return text;
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXRTPPacket::reportAnalyzerEntry() const {

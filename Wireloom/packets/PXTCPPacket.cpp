@@ -1,5 +1,6 @@
 #include <Wireloom/core/detail/ByteReader.hpp>
 #include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/core/detail/TextWriter.hpp>
 #include <Wireloom/packets/PXIPv4Packet.hpp>
 #include <Wireloom/packets/PXIPv6Packet.hpp>
 #include <Wireloom/packets/PXTCPPacket.hpp>
@@ -60,9 +61,14 @@ PXPacketPtr PXTCPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
 }
 
 std::string PXTCPPacket::description() const {
-    return detail::stringWithFormat(
-        "(TCP) size %u bytes, port %u->%u, seq %u bytes, ack %u bytes, ack:%d, syn:%d, fin: %d - %s", payloadSize_,
-        sourcePort_, destPort_, seqNumber_, ackNumber_, ackFlag_, synFlag_, finFlag_, genericDescription().c_str());
+    std::string text;
+    detail::TextWriter(text) << "(TCP) size " << detail::Decimal{payloadSize_} << " bytes, port "
+                             << detail::Decimal{sourcePort_} << "->" << detail::Decimal{destPort_} << ", seq "
+                             << detail::Decimal{seqNumber_} << " bytes, ack " << detail::Decimal{ackNumber_}
+                             << " bytes, ack:" << detail::Decimal{ackFlag_} << ", syn:" << detail::Decimal{synFlag_}
+                             << ", fin: " << detail::Decimal{finFlag_} << " - ";
+    appendGenericDescription(text);
+    return text;
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXTCPPacket::reportAnalyzerEntry() const {

@@ -1,5 +1,6 @@
 #include <Wireloom/core/detail/ByteReader.hpp>
 #include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/core/detail/TextWriter.hpp>
 #include <Wireloom/packets/PXIPv4Packet.hpp>
 #include <Wireloom/packets/PXIPv6Packet.hpp>
 #include <Wireloom/packets/PXUDPPacket.hpp>
@@ -36,7 +37,10 @@ PXPacketPtr PXUDPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
 }
 
 std::string PXUDPPacket::description() const {
-    return detail::stringWithFormat("(UDP) size %u bytes, ports %u=>%u", payloadSize_, sourcePort_, destPort_);
+    std::string text;
+    detail::TextWriter(text) << "(UDP) size " << detail::Decimal{payloadSize_} << " bytes, ports "
+                             << detail::Decimal{sourcePort_} << "=>" << detail::Decimal{destPort_};
+    return text;
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXUDPPacket::reportAnalyzerEntry() const {
