@@ -32,4 +32,8 @@
 #include <Wireloom/packets/PacketClass.hpp>
 
 #include <Wireloom/capture/PXCaptureFile.hpp>
+#include <Wireloom/capture/PXTime.hpp>
+#include <Wireloom/capture/PXTimer.hpp>
 #include <Wireloom/capture/WLNetworkCaptureAssistant.hpp>
+
+#include <Wireloom/flows/PXTCPBuffer.hpp>

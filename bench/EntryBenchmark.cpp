@@ -277,7 +277,7 @@ int main(int argc, char** argv) {
          "frame",
          [&] {
              return timeWhole([&] {
-                 std::string buffer;
+                 cli::TextBuffer buffer;
                  std::uint64_t sink = 0;
                  for (const PXPacketPtr& frame : decoded.frames) {
                      buffer.clear();

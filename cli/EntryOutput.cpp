@@ -2,20 +2,33 @@
 
 namespace wireloom::cli {
 
-void appendEntryText(std::string& out, PXReportAnalyzerEntry& entry, bool color, const std::string& indent) {
+namespace {
+
+// `indent` grows by four spaces for the children and is given back after.
+void appendEntryText(TextBuffer& out, PXReportAnalyzerEntry& entry, bool color, std::string& indent) {
     // The same layout as the entry's pasteboard text, with colours if asked.
-    out += indent;
+    out.append(indent);
     if (color && entry.title())
-        out += entry.title()->attributedString()->ansiText();
+        out.append(entry.title()->attributedString()->ansiText());
     else
-        out += entry.plainTitle();
-    out += '\n';
-    const std::string deeper = indent + "    ";
+        out.append(entry.plainTitle());
+    out.append('\n');
+    indent.append(4, ' ');
     // A hex dump's plain lines are written from its bytes: building an entry
     // per line cost ten times all the rest of a frame's tree.
-    if (!color && entry.appendHexDumpText(out, deeper)) return;
-    if (const auto* children = entry.children())
-        for (const auto& child : *children) appendEntryText(out, *child, color, deeper);
+    if (const std::size_t bound = color ? 0 : entry.hexDumpTextBound(indent)) {
+        out.commit(entry.writeHexDumpText(out.reserve(bound), indent));
+    } else if (const auto* children = entry.children()) {
+        for (const auto& child : *children) appendEntryText(out, *child, color, indent);
+    }
+    indent.resize(indent.size() - 4);
+}
+
+}  // namespace
+
+void appendEntryText(TextBuffer& out, PXReportAnalyzerEntry& entry, bool color) {
+    std::string indent;
+    appendEntryText(out, entry, color, indent);
 }
 
 nlohmann::json entryJSON(PXReportAnalyzerEntry& entry) {

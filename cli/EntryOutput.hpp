@@ -4,6 +4,8 @@
 // everywhere, {"title": ..., "children": [...]} with children left out when
 // there are none.
 
+#include "TextBuffer.hpp"
+
 #include <Wireloom/Wireloom.hpp>
 
 #include <nlohmann/json.hpp>
@@ -15,7 +17,7 @@ namespace wireloom::cli {
 
 // The entry and its descendants, children indented by four spaces per level.
 // With colour, titles are rendered as ANSI terminal text.
-void appendEntryText(std::string& out, PXReportAnalyzerEntry& entry, bool color, const std::string& indent = "");
+void appendEntryText(TextBuffer& out, PXReportAnalyzerEntry& entry, bool color);
 
 nlohmann::json entryJSON(PXReportAnalyzerEntry& entry);
 

@@ -98,11 +98,11 @@ void printOneLine(std::FILE* out, std::uint64_t number, const PXPacket& innermos
 }
 
 // Each layer's entry, outermost first, then a blank line between frames.
-void printTree(std::FILE* out, std::uint64_t number, const PXPacket& innermost, bool color, std::string& buffer) {
-    buffer.clear();
-    if (number > 1) buffer += '\n';
+// Written out a megabyte at a time.
+void printTree(std::FILE* out, std::uint64_t number, const PXPacket& innermost, bool color, TextBuffer& buffer) {
+    if (number > 1) buffer.append('\n');
     for (const auto& entry : layerEntries(innermost)) appendEntryText(buffer, *entry, color);
-    std::fwrite(buffer.data(), 1, buffer.size(), out);
+    if (buffer.size() >= (1u << 20)) buffer.flush(out);
 }
 
 // {"frame": N, "timestamp": T, "layers": [...]} on one line.
@@ -133,7 +133,7 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
 
     const bool color = options->color == ColorMode::Always ||
                        (options->color == ColorMode::Auto && out == stdout && isatty(STDOUT_FILENO));
-    std::string buffer;
+    TextBuffer buffer;
     std::uint64_t frames = 0;
     // Frames whose chain reaches each layer class, by registry position.
     std::map<int, std::uint64_t> framesPerClass;
@@ -151,6 +151,7 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
         }
     }
 
+    buffer.flush(out);
     if (options->format == Format::None) {
         std::fprintf(out, "frames read: %llu\n", static_cast<unsigned long long>(frames));
         for (const PacketClass& cls : PXPacket::packetClasses()) {

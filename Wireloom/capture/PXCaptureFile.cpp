@@ -2,20 +2,39 @@
 
 #include <pcap/pcap.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
 namespace wireloom {
 
+namespace {
+// libpcap reads record by record through stdio; with the default buffer of
+// a few kilobytes the read calls cost more than decoding a large file.
+constexpr std::size_t kReadBufferSize = 1 << 20;
+}  // namespace
+
 std::unique_ptr<PXCaptureFile> PXCaptureFile::open(const std::string& path, std::string* error) {
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (!file) {
+        if (error) *error = std::strerror(errno);
+        return nullptr;
+    }
+    std::unique_ptr<char[]> buffer(new char[kReadBufferSize]);
+    std::setvbuf(file, buffer.get(), _IOFBF, kReadBufferSize);
     char reason[PCAP_ERRBUF_SIZE] = "";
-    pcap_t* handle = pcap_open_offline(path.c_str(), reason);
+    pcap_t* handle = pcap_fopen_offline(file, reason);  // owns the file once it succeeds
     if (!handle) {
+        std::fclose(file);
         if (error) *error = reason;
         return nullptr;
     }
-    return std::unique_ptr<PXCaptureFile>(new PXCaptureFile(handle, path));
+    return std::unique_ptr<PXCaptureFile>(new PXCaptureFile(handle, path, std::move(buffer)));
 }
 
-PXCaptureFile::PXCaptureFile(pcap* handle, std::string path)
-    : handle_(handle),
+PXCaptureFile::PXCaptureFile(pcap* handle, std::string path, std::unique_ptr<char[]> readBuffer)
+    : readBuffer_(std::move(readBuffer)),
+      handle_(handle),
       path_(std::move(path)),
       linkLayerType_(pcap_datalink(handle)),
       snapLength_(static_cast<std::uint32_t>(pcap_snapshot(handle))) {}

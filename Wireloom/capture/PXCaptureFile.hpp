@@ -41,7 +41,8 @@ public:
     PXPacketPtr nextPacket(std::string* error);
 
 private:
-    PXCaptureFile(pcap* handle, std::string path);
+    PXCaptureFile(pcap* handle, std::string path, std::unique_ptr<char[]> readBuffer);
+    std::unique_ptr<char[]> readBuffer_;  // the file's stdio buffer: outlives the handle that closes it
     pcap* handle_;
     std::string path_;
     int linkLayerType_;

@@ -4,13 +4,21 @@
 #include <Wireloom/packets/detail/IPProtocols.hpp>
 #include <Wireloom/packets/detail/PacketEntryTitles.hpp>
 
+#include <charconv>
+
 namespace wireloom {
 
 constinit PacketClass PXIPv4Packet::kClass("PXIPv4Packet", &PXPacket::staticClass(), &PXIPv4Packet::packetFromData,
                                            &PXIPv4Packet::allowedParentProtocols, detail::kPXIPv4PacketIndex);
 
 std::string PXIPv4Packet::stringFromIPv4Address(const std::uint8_t* a) {
-    return detail::stringWithFormat("%u.%u.%u.%u", a[0], a[1], a[2], a[3]);
+    char text[16];
+    char* end = text;
+    for (int i = 0; i < 4; ++i) {
+        if (i) *end++ = '.';
+        end = std::to_chars(end, text + sizeof text, a[i]).ptr;
+    }
+    return std::string(text, end);
 }
 
 std::optional<PacketClassSet> PXIPv4Packet::allowedParentProtocols() { return detail::ipParentClasses(); }

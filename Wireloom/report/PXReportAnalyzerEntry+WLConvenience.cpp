@@ -3,6 +3,7 @@
 // the shared colour variables.
 #include <Wireloom/core/Assert.hpp>
 #include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/core/detail/NumberText.hpp>
 #include <Wireloom/report/PXReportAnalyzerEntry.hpp>
 #include <Wireloom/text/WLColors.hpp>
 
@@ -13,15 +14,13 @@ namespace wireloom {
 
 namespace {
 
-using detail::stringWithFormat;
-
-std::shared_ptr<WLAttributedString> plainLine(const std::string& text) {
+std::shared_ptr<WLAttributedString> plainLine(std::string_view text) {
     return WLAttributedString::stringWithFormat(WLTokenText, text, WLTokenEnd);
 }
 
 // key: value, the value drawn through the given colour variable.
-std::shared_ptr<WLAttributedString> keyValueLine(const std::string& key, const ColorPtr* valueColor,
-                                                 const std::string& value) {
+std::shared_ptr<WLAttributedString> keyValueLine(std::string_view key, const ColorPtr* valueColor,
+                                                 std::string_view value) {
     return WLAttributedString::stringWithFormat(WLTokenColorPointer, WLColors::keyColorPointer(), WLTokenText, key,
                                                 WLTokenPop, WLTokenText, ": ", WLTokenColorPointer, valueColor,
                                                 WLTokenText, value, WLTokenPop, WLTokenEnd);
@@ -46,65 +45,74 @@ bool boolOf(const Value& value) {
     return unsignedOf(value) != 0;
 }
 
-void assertSingular(const std::string& units) {
+void assertSingular(std::string_view units) {
     WL_ASSERT(units.empty() || units.back() != 's', "Units must be singular");
 }
 
 }  // namespace
 
-void PXReportAnalyzerEntry::setProtocolLayerName(const std::string& name) { title_ = plainLine(name); }
+void PXReportAnalyzerEntry::setProtocolLayerName(std::string_view name) { title_ = plainLine(name); }
 
 void PXReportAnalyzerEntry::setProtocolLayerAttributedName(std::shared_ptr<WLAttributedString> name) {
     title_ = std::move(name);
 }
 
-void PXReportAnalyzerEntry::setSectionTitle(const std::string& title) { title_ = plainLine(title); }
+void PXReportAnalyzerEntry::setSectionTitle(std::string_view title) { title_ = plainLine(title); }
 
-PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addLineWithKey(const std::string& key, const Value& value) {
+PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addLineWithKey(std::string_view key, const Value& value) {
     if (value.isNull()) return addEntryLine(keyValueLine(key, WLColors::nullValueColorPointer(), "(null)"));
     return addEntryLine(keyValueLine(key, WLColors::valueColorPointer(), value.description()));
 }
 
-PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::setValue(const Value& value, const std::string& key, unsigned type) {
+PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::setValue(const Value& value, std::string_view key, unsigned type) {
     if (type > 9) return nullptr;
     if (value.isNull() || (type == 8 && !value.bytes()))
         return addEntryLine(keyValueLine(key, WLColors::nullValueColorPointer(), "(null)"));
 
-    std::string text;
+    // Rows are built by the hundred thousand: numbers are written straight
+    // into a buffer, as printf's %u, %0Nx and %f would write them.
+    char buffer[detail::kNumberTextCapacity];
+    std::string description;
+    std::string_view text;
     switch (type) {
-    case 0: text = stringWithFormat("%" PRIu64, unsignedOf(value)); break;
-    case 1: text = stringWithFormat("0x%01x", static_cast<std::uint32_t>(unsignedOf(value))); break;
-    case 2: text = stringWithFormat("0x%02x", static_cast<std::uint32_t>(unsignedOf(value))); break;
-    case 3: text = stringWithFormat("0x%04x", static_cast<std::uint32_t>(unsignedOf(value))); break;
-    case 4: text = stringWithFormat("0x%08x", static_cast<std::uint32_t>(unsignedOf(value))); break;
-    case 5: text = stringWithFormat("0x%" PRIx64, unsignedOf(value)); break;
-    case 6: text = stringWithFormat("%f", doubleOf(value)); break;
-    case 7: text = value.description(); break;
+    case 0: text = detail::decimalText(buffer, unsignedOf(value)); break;
+    case 1: text = detail::hexText(buffer, static_cast<std::uint32_t>(unsignedOf(value)), 1); break;
+    case 2: text = detail::hexText(buffer, static_cast<std::uint32_t>(unsignedOf(value)), 2); break;
+    case 3: text = detail::hexText(buffer, static_cast<std::uint32_t>(unsignedOf(value)), 4); break;
+    case 4: text = detail::hexText(buffer, static_cast<std::uint32_t>(unsignedOf(value)), 8); break;
+    case 5: text = detail::hexText(buffer, unsignedOf(value), 1); break;
+    case 6: text = detail::fixedText(buffer, doubleOf(value), description); break;
+    case 7: text = description = value.description(); break;
     case 8: return addEntryWithData(*value.bytes(), key);
     case 9: text = boolOf(value) ? "YES" : "NO"; break;
     }
     return addEntryLine(keyValueLine(key, WLColors::valueColorPointer(), text));
 }
 
-PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addEntryWithData(const ByteBuffer& data, const std::string& label) {
+PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addEntryWithData(const ByteBuffer& data, std::string_view label) {
     Ptr dump = addEntryWithData(data);
     dump->setTitleWithLabel(label, data.size(), "byte");
     return dump;
 }
 
-std::string PXReportAnalyzerEntry::pluralOfUnit(const std::string& unit) {
+std::string PXReportAnalyzerEntry::pluralOfUnit(std::string_view unit) {
     // The consonant list counts s, w and y with the consonants, deliberately.
     static constexpr std::string_view kBeforeIes = "bcdfghjklmnpqrstvxzwy";
-    if (unit.size() >= 2 && unit.back() == 'y' && kBeforeIes.find(unit[unit.size() - 2]) != std::string_view::npos)
-        return unit.substr(0, unit.size() - 1) + "ies";
-    return unit + "s";
+    std::string plural(unit);
+    if (unit.size() >= 2 && unit.back() == 'y' && kBeforeIes.find(unit[unit.size() - 2]) != std::string_view::npos) {
+        plural.pop_back();
+        return plural + "ies";
+    }
+    return plural + "s";
 }
 
-void PXReportAnalyzerEntry::setTitleWithLabel(const std::optional<std::string>& label, std::uint64_t quantity,
-                                              const std::string& units) {
+void PXReportAnalyzerEntry::setTitleWithLabel(std::optional<std::string_view> label, std::uint64_t quantity,
+                                              std::string_view units) {
     assertSingular(units);
-    const std::string unit = quantity == 1 ? units : pluralOfUnit(units);
-    const std::string count = stringWithFormat("%" PRIu64, quantity);
+    const std::string plural = quantity == 1 ? std::string() : pluralOfUnit(units);
+    const std::string_view unit = quantity == 1 ? units : std::string_view(plural);
+    char buffer[detail::kNumberTextCapacity];
+    const std::string_view count = detail::decimalText(buffer, quantity);
     if (label) {
         title_ = WLAttributedString::stringWithFormat(
             WLTokenText, *label, WLTokenText, " (", WLTokenColorPointer, WLColors::valueColorPointer(), WLTokenText,
@@ -116,23 +124,24 @@ void PXReportAnalyzerEntry::setTitleWithLabel(const std::optional<std::string>& 
     }
 }
 
-void PXReportAnalyzerEntry::setTitleWithLabel(const std::string& label, const ColorPtr& color, std::uint64_t quantity,
-                                              const std::string& units) {
+void PXReportAnalyzerEntry::setTitleWithLabel(std::string_view label, const ColorPtr& color, std::uint64_t quantity,
+                                              std::string_view units) {
     assertSingular(units);
-    const std::string unit = quantity == 1 ? units : units + "s";
+    const std::string unit = quantity == 1 ? std::string(units) : std::string(units) + "s";
+    char buffer[detail::kNumberTextCapacity];
     title_ = WLAttributedString::stringWithFormat(WLTokenColor, color, WLTokenText, label, WLTokenPop, WLTokenText,
                                                   " (", WLTokenColorPointer, WLColors::valueColorPointer(), WLTokenText,
-                                                  stringWithFormat("%" PRIu64, quantity), WLTokenPop, WLTokenText, " ",
+                                                  detail::decimalText(buffer, quantity), WLTokenPop, WLTokenText, " ",
                                                   WLTokenText, unit, WLTokenText, ")", WLTokenEnd);
 }
 
-void PXReportAnalyzerEntry::setTitleWithErrorLabel(const std::string& label, const std::string& error) {
-    title_ = WLAttributedString::stringWithFormat(WLTokenText, label + ": ", WLTokenColor, Color::red(), WLTokenText,
-                                                  error, WLTokenPop, WLTokenEnd);
+void PXReportAnalyzerEntry::setTitleWithErrorLabel(std::string_view label, std::string_view error) {
+    title_ = WLAttributedString::stringWithFormat(WLTokenText, std::string(label) + ": ", WLTokenColor, Color::red(),
+                                                  WLTokenText, error, WLTokenPop, WLTokenEnd);
 }
 
-PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addLineWithErrorLabel(const std::string& label,
-                                                                        const std::string& error) {
+PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addLineWithErrorLabel(std::string_view label,
+                                                                        std::string_view error) {
     Ptr line = addNestedEntry();
     line->setTitleWithErrorLabel(label, error);
     return line;
@@ -146,7 +155,7 @@ void PXReportAnalyzerEntry::addLinesWithValueKeyFields(const std::vector<Value>&
 }
 
 PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addLinesWithValueKeyFields(const std::vector<Value>& fields,
-                                                                             const std::string& sectionTitle) {
+                                                                             std::string_view sectionTitle) {
     Ptr section = addNestedEntry();
     section->setSectionTitle(sectionTitle);
     section->addLinesWithValueKeyFields(fields);

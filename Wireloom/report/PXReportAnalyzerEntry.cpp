@@ -2,21 +2,27 @@
 #include <Wireloom/report/PXReportAnalyzerEntry.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 namespace wireloom {
 
 std::shared_ptr<PXReportAnalyzerEntrySource> PXReportAnalyzerEntry::source() const {
     if (auto source = source_.lock()) return source;
-    if (auto parent = parent_.lock()) return parent->source();
+    if (auto parent = this->parent()) return parent->source();
     return nullptr;
 }
+
+const PXReportAnalyzerEntry::Presentation PXReportAnalyzerEntry::kNoPresentation;
 
 // --- Tree building -------------------------------------------------------------
 
 void PXReportAnalyzerEntry::addEntry(const Ptr& child) {
-    if (!entries_) entries_.emplace();
-    child->parent_ = self();
+    if (!entries_) {
+        entries_.emplace();
+        entries_->reserve(8);  // a layer's rows, mostly, without regrowing
+    }
+    child->parent_ = weak_from_this();
     entries_->push_back(child);
 }
 
@@ -29,7 +35,7 @@ PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addNestedEntry() {
 PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addNestedEntryToTop() {
     Ptr child = entry();
     if (!entries_) entries_.emplace();
-    child->parent_ = self();
+    child->parent_ = weak_from_this();
     entries_->insert(entries_->begin(), child);
     return child;
 }
@@ -48,36 +54,106 @@ PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addFixedPitchEntryLine(std::sh
 
 namespace {
 
+// A large trace has hundreds of dump lines per frame, so a line's eight
+// bytes are turned into digits and characters a word at a time.
+constexpr bool kWordsInMemoryOrder = std::endian::native == std::endian::little;
+constexpr std::uint64_t kEachByte = 0x0101010101010101ull;
+
+// The eight hex digits of the four bytes of `x` (the first in its low byte),
+// in memory order.
+std::uint64_t hexDigitsOfFour(std::uint32_t x) {
+    std::uint64_t y = x;
+    y = (y | (y << 16)) & 0x0000ffff0000ffffull;
+    y = (y | (y << 8)) & 0x00ff00ff00ff00ffull;  // byte i now in byte 2i
+    const std::uint64_t nibbles = ((y >> 4) & 0x000f000f000f000full) | ((y & 0x000f000f000f000full) << 8);
+    const std::uint64_t letters = ((nibbles + 6 * kEachByte) >> 4) & kEachByte;  // nibbles above 9
+    return nibbles + '0' * kEachByte + letters * ('a' - '0' - 10);
+}
+
+// The eight bytes of `x` with every one outside " " to "~" made a ".".
+std::uint64_t printableCharacters(std::uint64_t x) {
+    constexpr std::uint64_t kHigh = 0x80 * kEachByte;
+    const std::uint64_t low = x & ~kHigh;
+    const std::uint64_t atLeastSpace = (low + 0x60 * kEachByte) & kHigh;
+    const std::uint64_t isDelete = (low + kEachByte) & kHigh;
+    const std::uint64_t printable = atLeastSpace & ~isDelete & ~x;
+    const std::uint64_t replaced = ((~printable & kHigh) >> 7) * 0xff;
+    return (x & ~replaced) | ('.' * kEachByte & replaced);
+}
+
+bool isPrintable(std::uint8_t byte) { return byte >= 32 && byte <= 126; }
+
 // The text of one line of a hex dump, in its three parts: the offset, two
 // groups of four bytes padded to their full width, and the bytes as
-// characters (a "." for each unprintable one). Written by hand rather than
-// with printf: a large trace has hundreds of these lines per frame.
+// characters (a "." for each unprintable one).
 struct HexDumpLineText {
     static constexpr std::size_t kGroupsLength = 2 + 16 + 4;
+    static constexpr std::size_t kMaxLength = 16 + kGroupsLength + 8;
     char offset[16];
     std::size_t offsetLength = 0;
     char groups[kGroupsLength];
     char characters[8];
 
     HexDumpLineText(const std::uint8_t* bytes, std::size_t count, std::size_t offset) {
-        static constexpr char kHex[] = "0123456789abcdef";
-        std::size_t digits = 4;  // at least four, as "%04zx"
-        while (digits < 16 && (offset >> (4 * digits)) != 0) ++digits;
-        offsetLength = digits;
-        for (std::size_t i = 0; i < digits; ++i) this->offset[i] = kHex[(offset >> (4 * (digits - 1 - i))) & 0x0f];
-        char* g = groups;
-        for (std::size_t i = 0; i < 8; ++i) {
-            if (i % 4 == 0) *g++ = ' ';
-            *g++ = i < count ? kHex[bytes[i] >> 4] : ' ';
-            *g++ = i < count ? kHex[bytes[i] & 0x0f] : ' ';
-        }
-        std::memset(g, ' ', 4);
-        for (std::size_t i = 0; i < count; ++i)
-            characters[i] = isPrintable(bytes[i]) ? static_cast<char>(bytes[i]) : '.';
+        offsetLength = writeOffset(this->offset, offset);
+        writeGroups(groups, bytes, count);
+        writeCharacters(characters, bytes, count);
     }
-    static bool isPrintable(std::uint8_t byte) { return byte >= 32 && byte <= 126; }
     std::string_view offsetText() const { return {offset, offsetLength}; }
     std::string_view groupsText() const { return {groups, kGroupsLength}; }
+
+    // At least four digits, as "%04zx".
+    static std::size_t writeOffset(char* out, std::size_t offset) {
+        if (kWordsInMemoryOrder && offset <= 0xffff) {
+            const std::uint64_t digits =
+                hexDigitsOfFour(static_cast<std::uint32_t>((offset >> 8) | (offset & 0xff) << 8));
+            std::memcpy(out, &digits, 4);
+            return 4;
+        }
+        std::size_t digits = 4;
+        while (digits < 16 && (offset >> (4 * digits)) != 0) ++digits;
+        for (std::size_t i = 0; i < digits; ++i) out[i] = "0123456789abcdef"[(offset >> (4 * (digits - 1 - i))) & 0x0f];
+        return digits;
+    }
+    static void writeGroups(char* out, const std::uint8_t* bytes, std::size_t count) {
+        std::memset(out, ' ', kGroupsLength);
+        if (kWordsInMemoryOrder && count == 8) {
+            std::uint32_t halves[2];
+            std::memcpy(halves, bytes, 8);
+            const std::uint64_t first = hexDigitsOfFour(halves[0]), second = hexDigitsOfFour(halves[1]);
+            std::memcpy(out + 1, &first, 8);
+            std::memcpy(out + 10, &second, 8);
+            return;
+        }
+        for (std::size_t i = 0; i < count; ++i) {
+            char* digits = out + 1 + i * 2 + (i >= 4 ? 1 : 0);
+            digits[0] = "0123456789abcdef"[bytes[i] >> 4];
+            digits[1] = "0123456789abcdef"[bytes[i] & 0x0f];
+        }
+    }
+    static void writeCharacters(char* out, const std::uint8_t* bytes, std::size_t count) {
+        if (kWordsInMemoryOrder && count == 8) {
+            std::uint64_t word;
+            std::memcpy(&word, bytes, 8);
+            word = printableCharacters(word);
+            std::memcpy(out, &word, 8);
+            return;
+        }
+        for (std::size_t i = 0; i < count; ++i) out[i] = isPrintable(bytes[i]) ? static_cast<char>(bytes[i]) : '.';
+    }
+    // The whole plain line, with its indent and line feed; returns its end.
+    static char* write(char* out, std::string_view indent, const std::uint8_t* bytes, std::size_t count,
+                       std::size_t offset) {
+        std::memcpy(out, indent.data(), indent.size());
+        out += indent.size();
+        out += writeOffset(out, offset);
+        writeGroups(out, bytes, count);
+        out += kGroupsLength;
+        writeCharacters(out, bytes, count);
+        out += count;
+        *out++ = '\n';
+        return out;
+    }
 };
 
 // One line of a hex dump: the offset in grey, the groups, and the characters
@@ -89,9 +165,9 @@ std::shared_ptr<WLAttributedString> hexDumpLine(const std::uint8_t* bytes, std::
     if (!line) return nullptr;
     // Characters of one colour go in one run.
     for (std::size_t i = 0; i < count;) {
-        const bool printable = HexDumpLineText::isPrintable(bytes[i]);
+        const bool printable = isPrintable(bytes[i]);
         const std::size_t first = i;
-        while (i < count && HexDumpLineText::isPrintable(bytes[i]) == printable) ++i;
+        while (i < count && isPrintable(bytes[i]) == printable) ++i;
         line->appendFormat(WLTokenColor, printable ? Color::blue() : Color::gray(), WLTokenText,
                            std::string_view(text.characters + first, i - first), WLTokenPop, WLTokenEnd);
     }
@@ -121,39 +197,25 @@ PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addEntryWithData(const ByteBuf
     return dump;
 }
 
-bool PXReportAnalyzerEntry::appendHexDumpText(std::string& out, std::string_view indent) const {
-    if (hasLoadedChildren_) return false;
+std::size_t PXReportAnalyzerEntry::hexDumpTextBound(std::string_view indent) const {
+    if (hasLoadedChildren_) return 0;
     const HexDumpLoader* loader = childLoaderBlock_.target<HexDumpLoader>();
-    if (!loader) return false;
-    const ByteBuffer& data = loader->data;
-    // Sized once for the longest lines and cut back after: growing the string
-    // line by line cost as much as making the text.
-    const std::size_t lineBound =
-        indent.size() + sizeof(HexDumpLineText::offset) + HexDumpLineText::kGroupsLength + 8 + 1;
-    const std::size_t start = out.size();
-    out.resize(start + (data.size() + 7) / 8 * lineBound);
-    char* end = out.data() + start;
-    const auto put = [&end](std::string_view text) {
-        std::memcpy(end, text.data(), text.size());
-        end += text.size();
-    };
-    for (std::size_t offset = 0; offset < data.size(); offset += 8) {
-        const std::size_t count = std::min<std::size_t>(8, data.size() - offset);
-        const HexDumpLineText text(data.data() + offset, count, offset);
-        put(indent);
-        put(text.offsetText());
-        put(text.groupsText());
-        put({text.characters, count});
-        *end++ = '\n';
-    }
-    out.resize(static_cast<std::size_t>(end - out.data()));
-    return true;
+    if (!loader) return 0;
+    return (loader->data.size() + 7) / 8 * (indent.size() + HexDumpLineText::kMaxLength + 1);
+}
+
+char* PXReportAnalyzerEntry::writeHexDumpText(char* out, std::string_view indent) const {
+    if (hexDumpTextBound(indent) == 0) return out;
+    const ByteBuffer& data = childLoaderBlock_.target<HexDumpLoader>()->data;
+    for (std::size_t offset = 0; offset < data.size(); offset += 8)
+        out = HexDumpLineText::write(out, indent, data.data() + offset, std::min<std::size_t>(8, data.size() - offset),
+                                     offset);
+    return out;
 }
 
 void PXReportAnalyzerEntry::addEntriesToTopFromOther(PXReportAnalyzerEntry& other) {
     if (!other.entries_) return;
-    const Ptr me = self();
-    for (const Ptr& child : *other.entries_) child->parent_ = me;
+    for (const Ptr& child : *other.entries_) child->parent_ = weak_from_this();
     if (entries_) {
         other.entries_->insert(other.entries_->end(), entries_->begin(), entries_->end());
     }
@@ -190,11 +252,13 @@ bool PXReportAnalyzerEntry::hasChild(const PXReportAnalyzerEntry& entry) {
     return false;
 }
 
-std::string PXReportAnalyzerEntry::plainTitle() const { return title_ ? title_->string() : std::string(); }
+std::string_view PXReportAnalyzerEntry::plainTitle() const { return title_ ? title_->string() : std::string_view(); }
 
 std::string PXReportAnalyzerEntry::pasteboardStringWithIdentation(const std::string& indent) {
     loadChildrenIfNeeded();
-    std::string text = indent + plainTitle() + "\n";
+    std::string text = indent;
+    text += plainTitle();
+    text += '\n';
     if (entries_) {
         const std::string deeper = indent + "    ";
         for (const Ptr& child : *entries_) text += child->pasteboardStringWithIdentation(deeper);
@@ -203,29 +267,33 @@ std::string PXReportAnalyzerEntry::pasteboardStringWithIdentation(const std::str
 }
 
 const std::string& PXReportAnalyzerEntry::visualTypeIdentifier() {
-    if (cachedVisualTypeIdentifier_) return *cachedVisualTypeIdentifier_;
+    std::optional<std::string>& cached = presentation().cachedVisualTypeIdentifier;
+    if (cached) return *cached;
     // Without their coloured runs, titles keep their labels and lose their
     // values, so rows of one kind share an identifier across packets.
     std::string identifier = title_ ? title_->stringWithoutColorizedText() : std::string();
-    if (auto parent = parent_.lock()) identifier = parent->visualTypeIdentifier() + identifier;
-    cachedVisualTypeIdentifier_ = std::move(identifier);
-    return *cachedVisualTypeIdentifier_;
+    if (auto parent = this->parent()) identifier = parent->visualTypeIdentifier() + identifier;
+    cached = std::move(identifier);
+    return *cached;
 }
 
 int PXReportAnalyzerEntry::reportAnalyzerEntryTitleMode() const noexcept {
     if (displayUsingFixedPitchFont_) return 1;
-    if (cellClass_) return 2;
+    if (shown().cellClass) return 2;
     return 0;
 }
 
 // --- Rows and cells -----------------------------------------------------------
 
 void PXReportAnalyzerEntry::updateCache() {
-    if (!title_ && (viewController_ || viewControllerBlock_)) {
-        if (!viewController_) viewController_ = viewControllerBlock_(*this);
-        if (viewController_) rowHeight_ = viewController_->viewHeight();
-    } else if (!title_) {
-        rowHeight_ = preferredCellHeight_;
+    if (!title_) {
+        Presentation& shown = presentation();
+        if (shown.viewController || shown.viewControllerBlock) {
+            if (!shown.viewController) shown.viewController = shown.viewControllerBlock(*this);
+            if (shown.viewController) shown.rowHeight = shown.viewController->viewHeight();
+        } else {
+            shown.rowHeight = shown.preferredCellHeight;
+        }
     }
     if (isExpanded_ || isExpandedInPane_) {
         loadChildrenIfNeeded();
@@ -237,17 +305,18 @@ void PXReportAnalyzerEntry::updateCache() {
 
 std::shared_ptr<PXCell> PXReportAnalyzerEntry::dataCell() {
     if (title_) return nullptr;
-    if (initializedCell_) return initializedCell_;
-    if (viewController_ || viewControllerBlock_) {
-        if (!viewController_) updateCache();
-        initializedCell_ = std::make_shared<PXCellWithView>(viewController_);
-        return initializedCell_;
+    Presentation& shown = presentation();
+    if (shown.initializedCell) return shown.initializedCell;
+    if (shown.viewController || shown.viewControllerBlock) {
+        if (!shown.viewController) updateCache();
+        shown.initializedCell = std::make_shared<PXCellWithView>(shown.viewController);
+        return shown.initializedCell;
     }
-    if (!cellClass_) cellClass_ = PXCellClass::plainCell();
-    std::shared_ptr<PXCell> cell = cellClass_->makeCell();
-    if (cell && cellInitializer_) cellInitializer_(*cell);
-    initializedCell_ = std::move(cell);
-    return initializedCell_;
+    if (!shown.cellClass) shown.cellClass = PXCellClass::plainCell();
+    std::shared_ptr<PXCell> cell = shown.cellClass->makeCell();
+    if (cell && shown.cellInitializer) shown.cellInitializer(*cell);
+    shown.initializedCell = std::move(cell);
+    return shown.initializedCell;
 }
 
 void PXReportAnalyzerEntry::unloadRecoverableResources() {

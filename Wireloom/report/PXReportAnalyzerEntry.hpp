@@ -20,6 +20,7 @@
 #include <Wireloom/core/ByteBuffer.hpp>
 #include <Wireloom/core/Object.hpp>
 #include <Wireloom/core/Value.hpp>
+#include <Wireloom/core/detail/BlockCache.hpp>
 #include <Wireloom/report/PXReportAnalyzerEntrySource.hpp>
 #include <Wireloom/report/PXReportAnalyzerUI.hpp>
 #include <Wireloom/text/WLAttributedString.hpp>
@@ -46,7 +47,9 @@ public:
     using CellInitializer = std::function<void(PXCell&)>;
 
     // Entries always live in shared_ptrs (children are handed out as such).
-    static Ptr entry() { return Ptr(new PXReportAnalyzerEntry()); }
+    static Ptr entry() {
+        return std::allocate_shared<PXReportAnalyzerEntry>(detail::CachedAllocator<PXReportAnalyzerEntry>(), Key{});
+    }
 
     // --- Properties -------------------------------------------------------
 
@@ -61,21 +64,23 @@ public:
     void setSource(const std::shared_ptr<PXReportAnalyzerEntrySource>& source) noexcept { source_ = source; }
     const ChildLoaderBlock& childLoaderBlock() const noexcept { return childLoaderBlock_; }
     void setChildLoaderBlock(ChildLoaderBlock block) { childLoaderBlock_ = std::move(block); }
-    const std::set<std::uint64_t>& dependencies() const noexcept { return dependencies_; }
-    void setDependencies(std::set<std::uint64_t> dependencies) { dependencies_ = std::move(dependencies); }
-    std::uint64_t dependencyIdentifier() const noexcept { return dependencyIdentifier_; }
-    void setDependencyIdentifier(std::uint64_t identifier) noexcept { dependencyIdentifier_ = identifier; }
-    const ViewControllerBlock& viewControllerBlock() const noexcept { return viewControllerBlock_; }
-    void setViewControllerBlock(ViewControllerBlock block) { viewControllerBlock_ = std::move(block); }
-    const std::shared_ptr<const PXCellClass>& cellClass() const noexcept { return cellClass_; }
-    void setCellClass(std::shared_ptr<const PXCellClass> cellClass) noexcept { cellClass_ = std::move(cellClass); }
-    const CellInitializer& cellInitializer() const noexcept { return cellInitializer_; }
-    void setCellInitializer(CellInitializer initializer) { cellInitializer_ = std::move(initializer); }
-    const Value& cellObjectValue() const noexcept { return cellObjectValue_; }
-    void setCellObjectValue(Value value) { cellObjectValue_ = std::move(value); }
-    double preferredCellHeight() const noexcept { return preferredCellHeight_; }
-    void setPreferredCellHeight(double height) noexcept { preferredCellHeight_ = height; }
-    Ptr parent() const noexcept { return parent_.lock(); }
+    const std::set<std::uint64_t>& dependencies() const noexcept { return shown().dependencies; }
+    void setDependencies(std::set<std::uint64_t> dependencies) {
+        presentation().dependencies = std::move(dependencies);
+    }
+    std::uint64_t dependencyIdentifier() const noexcept { return shown().dependencyIdentifier; }
+    void setDependencyIdentifier(std::uint64_t identifier) { presentation().dependencyIdentifier = identifier; }
+    const ViewControllerBlock& viewControllerBlock() const noexcept { return shown().viewControllerBlock; }
+    void setViewControllerBlock(ViewControllerBlock block) { presentation().viewControllerBlock = std::move(block); }
+    const std::shared_ptr<const PXCellClass>& cellClass() const noexcept { return shown().cellClass; }
+    void setCellClass(std::shared_ptr<const PXCellClass> cellClass) { presentation().cellClass = std::move(cellClass); }
+    const CellInitializer& cellInitializer() const noexcept { return shown().cellInitializer; }
+    void setCellInitializer(CellInitializer initializer) { presentation().cellInitializer = std::move(initializer); }
+    const Value& cellObjectValue() const noexcept { return shown().cellObjectValue; }
+    void setCellObjectValue(Value value) { presentation().cellObjectValue = std::move(value); }
+    double preferredCellHeight() const noexcept { return shown().preferredCellHeight; }
+    void setPreferredCellHeight(double height) { presentation().preferredCellHeight = height; }
+    Ptr parent() const noexcept { return std::static_pointer_cast<PXReportAnalyzerEntry>(parent_.lock()); }
     void setParent(const Ptr& parent) noexcept { parent_ = parent; }
     bool isRootLevel() const noexcept { return isRootLevel_; }
     void setIsRootLevel(bool root) noexcept { isRootLevel_ = root; }
@@ -85,20 +90,22 @@ public:
     void setIsExpandedInPane(bool expanded) noexcept { isExpandedInPane_ = expanded; }
     bool isMouseOver() const noexcept { return isMouseOver_; }
     void setIsMouseOver(bool over) noexcept { isMouseOver_ = over; }
-    double rowHeight() const noexcept { return rowHeight_; }
-    void setRowHeight(double height) noexcept { rowHeight_ = height; }
+    double rowHeight() const noexcept { return shown().rowHeight; }
+    void setRowHeight(double height) { presentation().rowHeight = height; }
     bool aboveExisting() const noexcept { return aboveExisting_; }
     void setAboveExisting(bool above) noexcept { aboveExisting_ = above; }
     bool movable() const noexcept { return movable_; }
     void setMovable(bool movable) noexcept { movable_ = movable; }
-    const std::shared_ptr<PXViewController>& viewController() const noexcept { return viewController_; }
-    void setViewController(std::shared_ptr<PXViewController> controller) { viewController_ = std::move(controller); }
-    const std::shared_ptr<PXCell>& initializedCell() const noexcept { return initializedCell_; }
-    void setInitializedCell(std::shared_ptr<PXCell> cell) { initializedCell_ = std::move(cell); }
+    const std::shared_ptr<PXViewController>& viewController() const noexcept { return shown().viewController; }
+    void setViewController(std::shared_ptr<PXViewController> controller) {
+        presentation().viewController = std::move(controller);
+    }
+    const std::shared_ptr<PXCell>& initializedCell() const noexcept { return shown().initializedCell; }
+    void setInitializedCell(std::shared_ptr<PXCell> cell) { presentation().initializedCell = std::move(cell); }
     // The children as stored, without loading them; null until the first child is added.
     const std::vector<Ptr>* entries() const noexcept { return entries_ ? &*entries_ : nullptr; }
     const std::optional<std::string>& cachedVisualTypeIdentifier() const noexcept {
-        return cachedVisualTypeIdentifier_;
+        return shown().cachedVisualTypeIdentifier;
     }
     bool hasLoadedChildren() const noexcept { return hasLoadedChildren_; }
     void setHasLoadedChildren(bool loaded) noexcept { hasLoadedChildren_ = loaded; }
@@ -124,14 +131,16 @@ public:
     const std::vector<Ptr>* children();
     // Depth first, loading children on the way.
     bool hasChild(const PXReportAnalyzerEntry& entry);
-    std::string plainTitle() const;
+    std::string_view plainTitle() const;
     // The entry's plain title after the indent, then each child's text
     // indented by four more spaces. (The spelling is the established one.)
     std::string pasteboardStringWithIdentation(const std::string& indent);
-    // For a hex dump whose lines are not built yet: appends the lines' plain
-    // text, each after the indent and ending in a newline, without building
-    // them. False, appending nothing, for any other entry.
-    bool appendHexDumpText(std::string& out, std::string_view indent) const;
+    // For a hex dump whose lines are not built yet, the lines' plain text
+    // straight from its bytes, each after the indent and ending in a newline:
+    // at most hexDumpTextBound() bytes, written by writeHexDumpText(), which
+    // returns their end. The bound is 0 for any other entry.
+    std::size_t hexDumpTextBound(std::string_view indent) const;
+    char* writeHexDumpText(char* out, std::string_view indent) const;
     // The title without its coloured values, after the parent's identifier:
     // rows of one kind share it across packets. Memoised for good.
     const std::string& visualTypeIdentifier();
@@ -152,61 +161,81 @@ public:
 
     // --- Builders -----------------------------------------------------------
 
-    void setProtocolLayerName(const std::string& name);
+    void setProtocolLayerName(std::string_view name);
     void setProtocolLayerAttributedName(std::shared_ptr<WLAttributedString> name);
-    void setSectionTitle(const std::string& title);
+    void setSectionTitle(std::string_view title);
     // key (key colour), ": ", the value's description (value colour), or
     // "(null)" (null-value colour) for a null value.
-    Ptr addLineWithKey(const std::string& key, const Value& value);
+    Ptr addLineWithKey(std::string_view key, const Value& value);
     // One line formatted by kind: 0 "%llu", 1-4 "0x%01x" to "0x%08x", 5 "0x%llx",
     // 6 "%f", 7 the description, 8 a hex dump titled with the byte count,
     // 9 "YES"/"NO". Null for an unknown kind.
-    Ptr setValue(const Value& value, const std::string& key, unsigned type);
-    Ptr addEntryWithData(const ByteBuffer& data, const std::string& label);
+    Ptr setValue(const Value& value, std::string_view key, unsigned type);
+    Ptr addEntryWithData(const ByteBuffer& data, std::string_view label);
     // label " (" quantity " " unit-made-plural ")"; without a label the
     // quantity and unit alone. Units must be given singular.
-    void setTitleWithLabel(const std::optional<std::string>& label, std::uint64_t quantity, const std::string& units);
+    void setTitleWithLabel(std::optional<std::string_view> label, std::uint64_t quantity, std::string_view units);
     // The same with the label in a colour; the plural only appends "s".
-    void setTitleWithLabel(const std::string& label, const ColorPtr& color, std::uint64_t quantity,
-                           const std::string& units);
-    void setTitleWithErrorLabel(const std::string& label, const std::string& error);
-    Ptr addLineWithErrorLabel(const std::string& label, const std::string& error);
+    void setTitleWithLabel(std::string_view label, const ColorPtr& color, std::uint64_t quantity,
+                           std::string_view units);
+    void setTitleWithErrorLabel(std::string_view label, std::string_view error);
+    Ptr addLineWithErrorLabel(std::string_view label, std::string_view error);
     // value, key, value, key... ; a trailing unpaired element is ignored.
     void addLinesWithValueKeyFields(const std::vector<Value>& fields);
-    Ptr addLinesWithValueKeyFields(const std::vector<Value>& fields, const std::string& sectionTitle);
+    Ptr addLinesWithValueKeyFields(const std::vector<Value>& fields, std::string_view sectionTitle);
 
     // The plural the counted titles use: "entry" → "entries", "day" → "days".
-    static std::string pluralOfUnit(const std::string& unit);
+    static std::string pluralOfUnit(std::string_view unit);
+
+    // Only entry() makes these (make_shared needs the constructor).
+    class Key {
+        friend class PXReportAnalyzerEntry;
+        Key() = default;
+    };
+    explicit PXReportAnalyzerEntry(Key) {}
 
 private:
-    PXReportAnalyzerEntry() = default;
+    // What only a report view uses: kept apart, so that the entries of a
+    // large trace that nobody displays stay small.
+    struct Presentation {
+        std::set<std::uint64_t> dependencies;
+        std::uint64_t dependencyIdentifier = 0;
+        ViewControllerBlock viewControllerBlock;
+        std::shared_ptr<const PXCellClass> cellClass;
+        CellInitializer cellInitializer;
+        Value cellObjectValue;
+        double preferredCellHeight = 0;
+        double rowHeight = 0;
+        std::shared_ptr<PXViewController> viewController;
+        std::shared_ptr<PXCell> initializedCell;
+        std::optional<std::string> cachedVisualTypeIdentifier;
+    };
+    static const Presentation kNoPresentation;
+    const Presentation& shown() const noexcept { return presentation_ ? *presentation_ : kNoPresentation; }
+    Presentation& presentation() {
+        if (!presentation_) presentation_ = std::make_unique<Presentation>();
+        return *presentation_;
+    }
+
     Ptr self() { return std::static_pointer_cast<PXReportAnalyzerEntry>(shared_from_this()); }
     static bool PXReportAnalyzerEntry::*expansionProperty(std::string_view key);
 
     std::shared_ptr<WLAttributedString> title_;
+    std::weak_ptr<PXReportAnalyzerEntrySource> source_;
+    // Held as the base type, which lets a child take its parent's own weak
+    // reference without locking it.
+    std::weak_ptr<Object> parent_;
+    ChildLoaderBlock childLoaderBlock_;
+    std::optional<std::vector<Ptr>> entries_;
+    std::unique_ptr<Presentation> presentation_;
     bool displayUsingFixedPitchFont_ = false;
     bool useGroupStyle_ = false;
-    std::weak_ptr<PXReportAnalyzerEntrySource> source_;
-    ChildLoaderBlock childLoaderBlock_;
-    std::set<std::uint64_t> dependencies_;
-    std::uint64_t dependencyIdentifier_ = 0;
-    ViewControllerBlock viewControllerBlock_;
-    std::shared_ptr<const PXCellClass> cellClass_;
-    CellInitializer cellInitializer_;
-    Value cellObjectValue_;
-    double preferredCellHeight_ = 0;
-    std::weak_ptr<PXReportAnalyzerEntry> parent_;
     bool isRootLevel_ = false;
     bool isExpanded_ = false;
     bool isExpandedInPane_ = false;
     bool isMouseOver_ = false;
-    double rowHeight_ = 0;
     bool aboveExisting_ = false;
     bool movable_ = false;
-    std::shared_ptr<PXViewController> viewController_;
-    std::shared_ptr<PXCell> initializedCell_;
-    std::optional<std::vector<Ptr>> entries_;
-    std::optional<std::string> cachedVisualTypeIdentifier_;
     bool hasLoadedChildren_ = false;
 };
 

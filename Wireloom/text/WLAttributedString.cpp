@@ -10,9 +10,17 @@ std::shared_ptr<const AttributedString> WLAttributedString::attributedString() c
     return cachedAttributedString_;
 }
 
-const std::string& WLAttributedString::string() const {
-    if (!plainString_) plainString_ = detail::stringFromTokens(stream_, stream_.textLength());
-    return *plainString_;
+std::string_view WLAttributedString::string() const {
+    if (!plainCached_) {
+        if (const char* text = stream_.contiguousText()) {
+            plainView_ = std::string_view(text, stream_.textLength());
+        } else {
+            plainStorage_ = detail::stringFromTokens(stream_, stream_.textLength());
+            plainView_ = plainStorage_;
+        }
+        plainCached_ = true;
+    }
+    return plainView_;
 }
 
 std::string WLAttributedString::stringWithoutColorizedText() const {

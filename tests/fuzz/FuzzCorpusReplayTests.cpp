@@ -12,6 +12,7 @@
 #include <vector>
 
 int wireloomFuzz_packet_decode(const std::uint8_t* data, std::size_t size);
+int wireloomFuzz_tcp_buffer(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_helper_request(const std::uint8_t* data, std::size_t size);
 
 namespace {
@@ -38,6 +39,11 @@ std::size_t replayAll(const std::filesystem::path& directory, FuzzTarget target)
 TEST(FuzzCorpus, PacketDecodeInputsReplayCleanly) {
     EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "packet_decode", wireloomFuzz_packet_decode), 0u);
     replayAll(fuzzDirectory() / "regressions" / "packet_decode", wireloomFuzz_packet_decode);
+}
+
+TEST(FuzzCorpus, TcpBufferInputsReplayCleanly) {
+    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "tcp_buffer", wireloomFuzz_tcp_buffer), 0u);
+    replayAll(fuzzDirectory() / "regressions" / "tcp_buffer", wireloomFuzz_tcp_buffer);
 }
 
 TEST(FuzzCorpus, HelperRequestInputsReplayCleanly) {

@@ -13,7 +13,7 @@ namespace {
 
 std::vector<std::string> rows(const std::shared_ptr<PXReportAnalyzerEntry>& entry) {
     std::vector<std::string> titles;
-    for (const auto& child : *entry->children()) titles.push_back(child->plainTitle());
+    for (const auto& child : *entry->children()) titles.emplace_back(child->plainTitle());
     return titles;
 }
 

@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <cstdio>
+
 using namespace wireloom;
 
 namespace {
@@ -18,7 +21,7 @@ class Described : public Object {
 std::vector<std::string> childTitles(const Entry::Ptr& entry) {
     std::vector<std::string> titles;
     if (auto children = entry->children())
-        for (const auto& child : *children) titles.push_back(child->plainTitle());
+        for (const auto& child : *children) titles.emplace_back(child->plainTitle());
     return titles;
 }
 
@@ -112,4 +115,32 @@ TEST(EntryBuilders, HexDumpLayout) {
     std::vector<std::uint8_t> large(0x10008, 0);
     auto wide = e->addEntryWithData(ByteBuffer::copy(large.data(), large.size()));
     EXPECT_EQ(wide->children()->back()->plainTitle().substr(0, 6), "10000 ");
+}
+
+TEST(EntryBuilders, HexDumpLinesOfEveryByteMatchPrintfAndBothWritersAgree) {
+    std::vector<std::uint8_t> bytes(256 + 5);
+    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * 167 + 3);
+    auto e = Entry::entry();
+    auto dump = e->addEntryWithData(ByteBuffer::copy(bytes.data(), bytes.size()), "All");
+    std::string plain(dump->hexDumpTextBound("  "), '\0');
+    plain.resize(static_cast<std::size_t>(dump->writeHexDumpText(plain.data(), "  ") - plain.data()));
+
+    std::string expected, fromLines;
+    for (std::size_t offset = 0; offset < bytes.size(); offset += 8) {
+        char line[64];
+        std::string hex, characters;
+        for (std::size_t i = 0; i < 8; ++i) {
+            if (i % 4 == 0) hex += ' ';
+            const bool present = offset + i < bytes.size();
+            std::snprintf(line, sizeof line, "%02x", present ? bytes[offset + i] : 0);
+            hex += present ? line : "  ";
+            if (present) characters += std::isprint(bytes[offset + i]) ? static_cast<char>(bytes[offset + i]) : '.';
+        }
+        std::snprintf(line, sizeof line, "  %04zx%s    %s\n", offset, hex.c_str(), characters.c_str());
+        expected += line;
+    }
+    for (const auto& child : *dump->children()) fromLines += "  " + std::string(child->plainTitle()) + "\n";
+    EXPECT_EQ(plain, expected);
+    EXPECT_EQ(fromLines, expected);
+    EXPECT_EQ(dump->hexDumpTextBound("  "), 0u);  // its lines are built now
 }

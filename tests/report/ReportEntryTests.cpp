@@ -41,8 +41,8 @@ public:
 class RecordingOutline : public PXOutlineView {
 public:
     std::vector<std::string> calls;
-    void expandItem(const Entry::Ptr& e) override { calls.push_back("expand " + e->plainTitle()); }
-    void collapseItem(const Entry::Ptr& e) override { calls.push_back("collapse " + e->plainTitle()); }
+    void expandItem(const Entry::Ptr& e) override { calls.push_back("expand " + std::string(e->plainTitle())); }
+    void collapseItem(const Entry::Ptr& e) override { calls.push_back("collapse " + std::string(e->plainTitle())); }
 };
 
 }  // namespace

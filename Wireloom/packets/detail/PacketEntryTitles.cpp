@@ -1,3 +1,4 @@
+#include <Wireloom/core/detail/NumberText.hpp>
 #include <Wireloom/packets/PXIPv4Packet.hpp>
 #include <Wireloom/packets/PXIPv6Packet.hpp>
 #include <Wireloom/packets/detail/PacketEntryTitles.hpp>
@@ -28,12 +29,14 @@ void setTransportTitle(PXReportAnalyzerEntry& entry, const char* word, const PXP
         entry.setProtocolLayerName(plain);
         return;
     }
+    char sourceText[kNumberTextCapacity], destText[kNumberTextCapacity];
     entry.setProtocolLayerAttributedName(WLAttributedString::stringWithFormat(
         WLTokenText, word, WLTokenColorPointer, WLColors::sourceAddressColorPointer(), WLTokenText, source, WLTokenPop,
         WLTokenText, ":", WLTokenColorPointer, WLColors::sourcePortColorPointer(), WLTokenText,
-        std::to_string(sourcePort), WLTokenPop, WLTokenText, " => ", WLTokenColorPointer,
+        detail::decimalText(sourceText, sourcePort), WLTokenPop, WLTokenText, " => ", WLTokenColorPointer,
         WLColors::destAddressColorPointer(), WLTokenText, dest, WLTokenPop, WLTokenText, ":", WLTokenColorPointer,
-        WLColors::destPortColorPointer(), WLTokenText, std::to_string(destPort), WLTokenPop, WLTokenEnd));
+        WLColors::destPortColorPointer(), WLTokenText, detail::decimalText(destText, destPort), WLTokenPop,
+        WLTokenEnd));
 }
 
 }  // namespace wireloom::detail

@@ -1,3 +1,4 @@
+#include <Wireloom/core/detail/BlockCache.hpp>
 #include <Wireloom/text/detail/TokenStream.hpp>
 
 #include <algorithm>
@@ -11,20 +12,16 @@
 namespace wireloom::detail {
 
 namespace {
-void* systemAllocate(std::size_t size) noexcept { return std::malloc(size); }
+void* systemAllocate(std::size_t size) noexcept { return cachedAllocate(size); }
 void* systemReallocate(void* block, std::size_t size) noexcept { return std::realloc(block, size); }
-
-void printSystemError(const char* text) noexcept {
-    // Like perror, which is what the messages have always come with.
-    std::fprintf(stderr, "%s: %s\n", text, std::strerror(errno));
-}
-
 }  // namespace
 
 TokenAllocator& tokenAllocator() noexcept {
     static TokenAllocator allocator{systemAllocate, systemReallocate};
     return allocator;
 }
+
+void printTokenError(const char* text) noexcept { std::fprintf(stderr, "%s: %s\n", text, std::strerror(errno)); }
 
 TokenStream& TokenStream::operator=(TokenStream&& other) noexcept {
     if (this != &other) {
@@ -34,129 +31,62 @@ TokenStream& TokenStream::operator=(TokenStream&& other) noexcept {
         length_ = std::exchange(other.length_, 0);
         textLength_ = std::exchange(other.textLength_, 0);
         maxDepth_ = std::exchange(other.maxDepth_, 0);
+        colorTokens_ = std::exchange(other.colorTokens_, 0);
+        contiguousText_ = std::exchange(other.contiguousText_, nullptr);
+        ownsBlock_ = std::exchange(other.ownsBlock_, false);
+        pools_ = std::exchange(other.pools_, nullptr);
     }
     return *this;
 }
 
 void TokenStream::release() noexcept {
-    if (!bytes_) return;
-    // Walks by length rather than to the end record, so that a stream whose
-    // building failed half-way gives back what it had taken.
-    std::size_t offset = 0;
-    while (offset < length_) {
-        std::uint32_t code;
-        std::memcpy(&code, bytes_ + offset, sizeof code);
-        offset += sizeof code;
-        if (code > static_cast<std::uint32_t>(WLToken::ColorPointer)) continue;
-        if (offset + sizeof(void*) > length_) break;  // the code whose payload could not be written
-        void* reference;
-        std::memcpy(&reference, bytes_ + offset, sizeof reference);
-        offset += sizeof reference;
-        if (code == static_cast<std::uint32_t>(WLToken::Text)) delete static_cast<std::string*>(reference);
-        if (code == static_cast<std::uint32_t>(WLToken::Color)) delete static_cast<ColorPtr*>(reference);
+    if (colorTokens_ > 0) {
+        forEachToken(bytes_, [](WLToken code, const void* reference) {
+            if (code == WLToken::Color) std::destroy_at(static_cast<ColorPtr*>(const_cast<void*>(reference)));
+        });
     }
-    std::free(bytes_);
+    if (ownsBlock_) std::free(bytes_);
+    for (void* pool = pools_; pool;) std::free(std::exchange(pool, *static_cast<void**>(pool)));
     bytes_ = nullptr;
+    colorTokens_ = 0;
+    ownsBlock_ = false;
+    pools_ = nullptr;
 }
 
 bool TokenStream::append(TokenStream&& tail) noexcept {
     // The check counts the tail's end record although it replaces ours, and
     // grows by the tail's whole block: generous, never short.
     if (length_ + tail.length_ > size_) {
-        void* grown = tokenAllocator().reallocate(bytes_, size_ + tail.size_);
+        void* grown = tokenAllocator().reallocate(ownsBlock_ ? bytes_ : nullptr, size_ + tail.size_);
         if (!grown) {
             std::fprintf(stderr, "realloc failure\n");
             tail.release();
             return false;
         }
+        // A block inside its pool cannot be resized in place; it moves out.
+        if (!ownsBlock_) std::memcpy(grown, bytes_, length_);
         bytes_ = static_cast<std::uint8_t*>(grown);
+        ownsBlock_ = true;
         size_ += tail.size_;
     }
-    std::memcpy(bytes_ + length_ - sizeof(std::uint32_t), tail.bytes_, tail.length_);
-    length_ += tail.length_ - sizeof(std::uint32_t);
+    std::memcpy(bytes_ + length_ - kTokenCodeSize, tail.bytes_, tail.length_);
+    length_ += tail.length_ - kTokenCodeSize;
+    if (tail.textLength_ > 0) contiguousText_ = nullptr;
     textLength_ += tail.textLength_;
     // A sum, not a maximum: the rendering stack is then always deep enough
     // whatever the sequences' pops and pushes do to each other.
     maxDepth_ += tail.maxDepth_;
-    // The references now belong to this stream; free only the tail's block.
-    std::free(std::exchange(tail.bytes_, nullptr));
+    // What the tail's records refer to now belongs to this stream.
+    colorTokens_ += std::exchange(tail.colorTokens_, 0);
+    if (void* pools = std::exchange(tail.pools_, nullptr)) {
+        void** last = static_cast<void**>(pools);
+        while (*last) last = static_cast<void**>(*last);
+        *last = pools_;
+        pools_ = pools;
+    }
+    tail.release();
     return true;
 }
-
-TokenStreamBuilder::TokenStreamBuilder() noexcept {
-    void* block = tokenAllocator().allocate(kTokenStreamGrowth);
-    if (!block) {
-        printSystemError("malloc failed when processing WL token string");
-        return;
-    }
-    stream_.bytes_ = static_cast<std::uint8_t*>(block);
-    stream_.size_ = kTokenStreamGrowth;
-}
-
-bool TokenStreamBuilder::reserve(std::size_t bytes) noexcept {
-    if (!stream_.valid()) return false;
-    if (stream_.size_ - stream_.length_ >= bytes) return true;
-    void* grown = tokenAllocator().reallocate(stream_.bytes_, stream_.size_ + kTokenStreamGrowth);
-    if (!grown) {
-        printSystemError("realloc failed when processing WL token string");
-        stream_.release();
-        return false;
-    }
-    stream_.bytes_ = static_cast<std::uint8_t*>(grown);
-    stream_.size_ += kTokenStreamGrowth;
-    return true;
-}
-
-template <class T>
-bool TokenStreamBuilder::write(const T& value) noexcept {
-    if (!reserve(sizeof value)) return false;
-    std::memcpy(stream_.bytes_ + stream_.length_, &value, sizeof value);
-    stream_.length_ += sizeof value;
-    return true;
-}
-
-bool TokenStreamBuilder::add(WLToken code) noexcept {
-    if (!write(static_cast<std::uint32_t>(code))) return false;
-    if (code == WLToken::Color || code == WLToken::ColorPointer || code == WLToken::Strikethrough) {
-        stream_.maxDepth_ = std::max(stream_.maxDepth_, ++depth_);
-    } else if (code == WLToken::Pop) {
-        --depth_;
-    }
-    return true;
-}
-
-template <class T, class... Args>
-bool TokenStreamBuilder::writeOwned(Args&&... args) noexcept {
-    if (!reserve(sizeof(void*))) return false;
-    T* owned = nullptr;
-    try {
-        owned = new T(std::forward<Args>(args)...);
-    } catch (const std::bad_alloc&) {
-        errno = ENOMEM;
-    }
-    if (!owned) {
-        printSystemError("malloc failed when processing WL token string");
-        stream_.release();
-        return false;
-    }
-    return write(static_cast<void*>(owned));
-}
-
-bool TokenStreamBuilder::addText(std::string_view text) noexcept {
-    // A copy per text token: C++ strings are values, so there is nothing
-    // shared to retain.
-    if (!writeOwned<std::string>(text)) return false;
-    stream_.textLength_ += text.size();
-    return true;
-}
-
-bool TokenStreamBuilder::addColor(const ColorPtr& color) noexcept { return writeOwned<ColorPtr>(color); }
-
-bool TokenStreamBuilder::addColorPointer(const ColorPtr* variable) noexcept {
-    return write(static_cast<const void*>(variable));
-}
-
-TokenStream TokenStreamBuilder::finish() noexcept { return std::move(stream_); }
 
 AttributedString attributedStringFromTokens(const TokenStream& stream, std::size_t textLength, std::size_t maxDepth) {
     AttributedString result;
@@ -166,7 +96,7 @@ AttributedString attributedStringFromTokens(const TokenStream& stream, std::size
     keys.reserve(maxDepth);
     forEachToken(stream.bytes(), [&](WLToken code, const void* reference) {
         switch (code) {
-        case WLToken::Text: result.append(*static_cast<const std::string*>(reference), current); break;
+        case WLToken::Text: result.append(textOfRecord(reference), current); break;
         case WLToken::Color:  // both point at a ColorPtr: the stream's own or a colour variable
         case WLToken::ColorPointer:
             current.foregroundColor = reference ? *static_cast<const ColorPtr*>(reference) : nullptr;
@@ -190,10 +120,11 @@ AttributedString attributedStringFromTokens(const TokenStream& stream, std::size
 }
 
 std::string stringFromTokens(const TokenStream& stream, std::size_t textLength) {
+    if (const char* text = stream.contiguousText()) return std::string(text, textLength);
     std::string result;
     result.reserve(textLength);
     forEachToken(stream.bytes(), [&](WLToken code, const void* reference) {
-        if (code == WLToken::Text) result += *static_cast<const std::string*>(reference);
+        if (code == WLToken::Text) result += textOfRecord(reference);
     });
     return result;
 }
@@ -206,7 +137,7 @@ std::string stringFromTokensExcludingColorizedText(const TokenStream& stream, st
     forEachToken(stream.bytes(), [&](WLToken code, const void* reference) {
         switch (code) {
         case WLToken::Text:
-            if (colourKeysOnStack == 0) result += *static_cast<const std::string*>(reference);
+            if (colourKeysOnStack == 0) result += textOfRecord(reference);
             break;
         case WLToken::Color:
         case WLToken::ColorPointer:
