@@ -377,19 +377,14 @@ static long UTF16Length(const unsigned char* text, size_t length) {
     long units = 0;
     for (size_t i = 0; i < length;) {
         unsigned char lead = text[i];
-        size_t extra;
-        uint32_t codePoint;
-        if (lead < 0x80) {
-            extra = 0, codePoint = lead;
-        } else if ((lead & 0xE0) == 0xC0) {
-            extra = 1, codePoint = lead & 0x1Fu;
-        } else if ((lead & 0xF0) == 0xE0) {
-            extra = 2, codePoint = lead & 0x0Fu;
-        } else if ((lead & 0xF8) == 0xF0) {
-            extra = 3, codePoint = lead & 0x07u;
-        } else {
-            return -1;
-        }
+        size_t extra = lead < 0x80             ? 0
+                       : (lead & 0xE0) == 0xC0 ? 1
+                       : (lead & 0xF0) == 0xE0 ? 2
+                       : (lead & 0xF8) == 0xF0 ? 3
+                                               : 4;
+        if (extra == 4) return -1;
+        // The lead's marker bits above the mask are zero in every valid form.
+        uint32_t codePoint = lead & (0x7Fu >> extra);
         if (length - i <= extra) return -1;
         for (size_t k = 1; k <= extra; k++) {
             if ((text[i + k] & 0xC0) != 0x80) return -1;

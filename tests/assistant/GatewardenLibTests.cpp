@@ -83,6 +83,14 @@ TEST(GatewardenCommands, FindCommandMatchesExactlyWithinLimits) {
     EXPECT_EQ(find(plist_new_string(std::string(1024, 'a').c_str())), 100002);
     EXPECT_EQ(find(plist_new_string(std::string(1025, 'a').c_str())), -50);
     EXPECT_EQ(find(plist_new_string("Verify\xff")), -4960);
+    EXPECT_EQ(find(plist_new_string("Verify\xc0\x80")), -4960);  // an overlong NUL
+    // Characters count as UTF-16 units: each of these takes two.
+    std::string emoji = "\xf0\x9f\x90\x9f";
+    std::string twoUnits512, twoUnits513;
+    for (int i = 0; i < 512; i++) twoUnits512 += emoji;
+    twoUnits513 = twoUnits512 + emoji;
+    EXPECT_EQ(find(plist_new_string(twoUnits512.c_str())), 100002);
+    EXPECT_EQ(find(plist_new_string(twoUnits513.c_str())), -50);
 }
 
 TEST(GatewardenFraming, BodyOfExactlyTheLimitPassesAndOneMoreIsRefusedUnsent) {

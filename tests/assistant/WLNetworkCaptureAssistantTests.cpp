@@ -184,13 +184,3 @@ TEST(CaptureAssistantInstall, BlessingRunsTheHelpersInstallerThroughPkexec) {
     std::string serviceUnit = readFile(root.path() / ("." kGWDUnitDirectory) / (label + ".service"));
     EXPECT_NE(serviceUnit.find("ExecStart=" kGWDHelperToolDirectory "/" + label + "\n"), std::string::npos);
 }
-
-TEST(CaptureAssistantShared, TestsCanReplaceTheSharedInstance) {
-    auto original = WLNetworkCaptureAssistant::sharedInstance();
-    EXPECT_EQ(original, WLNetworkCaptureAssistant::sharedInstance());
-    EXPECT_EQ(original->helperIdentifier(), WLCaptureAssistantLabel);
-    auto replacement = std::make_shared<AssistantDouble>();
-    WLNetworkCaptureAssistant::setSharedInstance(replacement);
-    EXPECT_EQ(WLNetworkCaptureAssistant::sharedInstance(), replacement);
-    WLNetworkCaptureAssistant::setSharedInstance(original);
-}
