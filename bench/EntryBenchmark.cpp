@@ -8,7 +8,7 @@
 //
 // --only runs one pass (entries, ansi, hexdump, tree), for profiling under
 // callgrind or perf. --write-capture writes the capture and exits, for
-// tree_vs_tshark.sh to time whole processes on the same frames.
+// versus_tshark.sh to time whole processes on the same frames.
 
 #include "EntryOutput.hpp"
 #include "TrafficMix.hpp"
