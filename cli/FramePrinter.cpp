@@ -39,22 +39,28 @@ bool colorFor(ColorMode mode, std::FILE* out) {
 
 namespace {
 
-// Frame number, capture time, then each decoded layer from the outermost in.
-void appendOneLine(TextBuffer& out, std::uint64_t number, const PXPacket& innermost) {
-    std::string line;
+// Frame number, capture time, then each decoded layer from the outermost
+// in. `line` is scratch space kept between frames.
+void appendOneLine(TextBuffer& out, std::uint64_t number, const PXPacket& innermost, std::string& line) {
+    line.clear();
     detail::TextWriter writer(line);
     char timestamp[detail::kNumberTextCapacity];
     std::string overflow;
     writer << detail::Decimal{number} << ' ' << detail::fixedText(timestamp, innermost.timestamp(), overflow);
-    std::vector<const PXPacket*> layers;
-    for (const PXPacket* p = &innermost; p->encapsulatingPacket(); p = p->encapsulatingPacket().get())
-        layers.push_back(p);
-    if (layers.empty()) {
-        writer << ' ' << innermost.description() << " (" << detail::Decimal{innermost.rawData().size()}
-               << " bytes, no layer decoded)";
+    const PXPacket* layers[PXPacket::kMaxDecodeDepth + 1];
+    std::size_t count = 0;
+    for (const PXPacket* p = &innermost; p->encapsulatingPacket() && count < std::size(layers);
+         p = p->encapsulatingPacket().get())
+        layers[count++] = p;
+    if (count == 0) {
+        writer << ' ';
+        innermost.appendDescription(line);
+        writer << " (" << detail::Decimal{innermost.rawData().size()} << " bytes, no layer decoded)";
     }
-    for (auto it = layers.rbegin(); it != layers.rend(); ++it)
-        writer << (it == layers.rbegin() ? " " : " | ") << (*it)->description();
+    for (std::size_t i = count; i-- > 0;) {
+        writer << (i + 1 == count ? " " : " | ");
+        layers[i]->appendDescription(line);
+    }
     writer << '\n';
     out.append(line);
 }
@@ -83,7 +89,7 @@ void FramePrinter::print(const PXPacket& innermost) {
         break;
     case Format::Json: printJSON(out_, frames_, innermost); break;
     case Format::OneLine:
-        appendOneLine(buffer_, frames_, innermost);
+        appendOneLine(buffer_, frames_, innermost, line_);
         if (buffer_.size() >= (1u << 20)) buffer_.flush(out_);
         break;
     case Format::None:

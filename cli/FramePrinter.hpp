@@ -45,6 +45,7 @@ private:
     bool color_;
     std::uint64_t frames_ = 0;
     TextBuffer buffer_;
+    std::string line_;
     // Frames whose chain reaches each layer class, by registry position.
     std::map<int, std::uint64_t> framesPerClass_;
 };

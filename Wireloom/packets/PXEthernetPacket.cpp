@@ -56,12 +56,10 @@ PXPacketPtr PXEthernetPacket::packetFromData(const ByteBuffer& data, const PXPac
     return packet;
 }
 
-std::string PXEthernetPacket::description() const {
-    std::string text;
-    detail::TextWriter(text) << "(Eth) MAC " << macSource() << " => " << macDest() << ", proto 0x"
-                             << detail::Hex{payloadType_, 4} << " - ";
-    appendGenericDescription(text);
-    return text;
+void PXEthernetPacket::appendDescription(std::string& out) const {
+    detail::TextWriter(out) << "(Eth) MAC " << macSource() << " => " << macDest() << ", proto 0x"
+                            << detail::Hex{payloadType_, 4} << " - ";
+    appendGenericDescription(out);
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXEthernetPacket::reportAnalyzerEntry() const {

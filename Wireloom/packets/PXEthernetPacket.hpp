@@ -30,7 +30,7 @@ public:
     static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
     std::string name() const override { return "Ethernet Packet"; }
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
-    std::string description() const override;
+    void appendDescription(std::string& out) const override;
 
 private:
     static PacketClass kClass;

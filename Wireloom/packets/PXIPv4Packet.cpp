@@ -58,12 +58,10 @@ PXPacketPtr PXIPv4Packet::packetFromData(const ByteBuffer& data, const PXPacketP
     return packet;
 }
 
-std::string PXIPv4Packet::description() const {
-    std::string text;
-    detail::TextWriter(text) << "(IPv4) size " << detail::Decimal{payloadSize_} << " bytes, addr " << sourceAddress()
-                             << " => " << destAddress() << " - ";
-    appendGenericDescription(text);
-    return text;
+void PXIPv4Packet::appendDescription(std::string& out) const {
+    detail::TextWriter(out) << "(IPv4) size " << detail::Decimal{payloadSize_} << " bytes, addr " << sourceAddress()
+                            << " => " << destAddress() << " - ";
+    appendGenericDescription(out);
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXIPv4Packet::reportAnalyzerEntry() const {

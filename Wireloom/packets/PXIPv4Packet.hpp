@@ -32,7 +32,7 @@ public:
     static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
     std::string name() const override { return "IPv4 Packet"; }
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
-    std::string description() const override;
+    void appendDescription(std::string& out) const override;
     std::optional<std::uint32_t> layerPayloadSize() const noexcept override { return payloadSize_; }
 
 private:

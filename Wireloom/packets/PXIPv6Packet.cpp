@@ -98,12 +98,10 @@ PXPacketPtr PXIPv6Packet::packetFromData(const ByteBuffer& data, const PXPacketP
     return packet;
 }
 
-std::string PXIPv6Packet::description() const {
-    std::string text;
-    detail::TextWriter(text) << "(IPv6) size " << detail::Decimal{payloadSize_} << " bytes, addr " << sourceAddress()
-                             << " => " << destAddress() << ", proto 0x" << detail::Hex{protocol_, 2} << " - ";
-    appendGenericDescription(text);
-    return text;
+void PXIPv6Packet::appendDescription(std::string& out) const {
+    detail::TextWriter(out) << "(IPv6) size " << detail::Decimal{payloadSize_} << " bytes, addr " << sourceAddress()
+                            << " => " << destAddress() << ", proto 0x" << detail::Hex{protocol_, 2} << " - ";
+    appendGenericDescription(out);
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXIPv6Packet::reportAnalyzerEntry() const {

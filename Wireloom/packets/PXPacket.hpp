@@ -88,7 +88,14 @@ public:
             return std::allocate_shared<T>(detail::FrameArenaAllocator<T>(arena));
         return std::make_shared<T>();
     }
-    std::string description() const override { return genericDescription(); }
+    std::string description() const override {
+        std::string text;
+        appendDescription(text);
+        return text;
+    }
+    // The description appended to `out`: what layers override, so that a
+    // frame's summary line is written without a string per layer.
+    virtual void appendDescription(std::string& out) const { appendGenericDescription(out); }
 
     // The payload size of layers that have one (IP, TCP, UDP); nothing for
     // the others. Decoders of inner layers size their payload from it.

@@ -28,12 +28,10 @@ PXPacketPtr PXRTPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
     return packet;
 }
 
-std::string PXRTPPacket::description() const {
-    std::string text;
-    detail::TextWriter(text) << "(RTP) size " << detail::Decimal{static_cast<std::uint32_t>(payload_.size())}
-                             << " bytes, seq " << detail::Decimal{sequenceNumber_} << ", timestamp "
-                             << detail::Decimal{rtpTimestamp_} << ", identifier 0x" << detail::Hex{ssrcIdentifier_};
-    return text;
+void PXRTPPacket::appendDescription(std::string& out) const {
+    detail::TextWriter(out) << "(RTP) size " << detail::Decimal{static_cast<std::uint32_t>(payload_.size())}
+                            << " bytes, seq " << detail::Decimal{sequenceNumber_} << ", timestamp "
+                            << detail::Decimal{rtpTimestamp_} << ", identifier 0x" << detail::Hex{ssrcIdentifier_};
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXRTPPacket::reportAnalyzerEntry() const {

@@ -34,7 +34,7 @@ public:
     static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
     std::string name() const override { return "RTP Packet"; }
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
-    std::string description() const override;
+    void appendDescription(std::string& out) const override;
     const ByteBuffer* layerPayload() const noexcept override { return &payload_; }
 
 private:

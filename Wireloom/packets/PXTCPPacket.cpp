@@ -60,15 +60,13 @@ PXPacketPtr PXTCPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
     return packet;
 }
 
-std::string PXTCPPacket::description() const {
-    std::string text;
-    detail::TextWriter(text) << "(TCP) size " << detail::Decimal{payloadSize_} << " bytes, port "
-                             << detail::Decimal{sourcePort_} << "->" << detail::Decimal{destPort_} << ", seq "
-                             << detail::Decimal{seqNumber_} << " bytes, ack " << detail::Decimal{ackNumber_}
-                             << " bytes, ack:" << detail::Decimal{ackFlag_} << ", syn:" << detail::Decimal{synFlag_}
-                             << ", fin: " << detail::Decimal{finFlag_} << " - ";
-    appendGenericDescription(text);
-    return text;
+void PXTCPPacket::appendDescription(std::string& out) const {
+    detail::TextWriter(out) << "(TCP) size " << detail::Decimal{payloadSize_} << " bytes, port "
+                            << detail::Decimal{sourcePort_} << "->" << detail::Decimal{destPort_} << ", seq "
+                            << detail::Decimal{seqNumber_} << " bytes, ack " << detail::Decimal{ackNumber_}
+                            << " bytes, ack:" << detail::Decimal{ackFlag_} << ", syn:" << detail::Decimal{synFlag_}
+                            << ", fin: " << detail::Decimal{finFlag_} << " - ";
+    appendGenericDescription(out);
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXTCPPacket::reportAnalyzerEntry() const {

@@ -36,11 +36,9 @@ PXPacketPtr PXUDPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
     return packet;
 }
 
-std::string PXUDPPacket::description() const {
-    std::string text;
-    detail::TextWriter(text) << "(UDP) size " << detail::Decimal{payloadSize_} << " bytes, ports "
-                             << detail::Decimal{sourcePort_} << "=>" << detail::Decimal{destPort_};
-    return text;
+void PXUDPPacket::appendDescription(std::string& out) const {
+    detail::TextWriter(out) << "(UDP) size " << detail::Decimal{payloadSize_} << " bytes, ports "
+                            << detail::Decimal{sourcePort_} << "=>" << detail::Decimal{destPort_};
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXUDPPacket::reportAnalyzerEntry() const {
