@@ -119,6 +119,10 @@ private:
     bool nullDevice_ = false;
     std::weak_ptr<PXPacket> currentPacket_;
     PXPacketPtr announcing_;
+    // Whether each of the four notifications has observers, as of a
+    // registration revision of the notification center.
+    bool observed_[4] = {};
+    std::uint64_t observedRevision_[4] = {~0ull, ~0ull, ~0ull, ~0ull};
     pcap* handle_ = nullptr;
     double startTime_ = 0;
     int linkLayerType_ = 1;

@@ -41,6 +41,7 @@ struct NameHash {
 struct NotificationCenter::Impl {
     mutable std::mutex mutex;
     std::unordered_map<std::string, SharedList, NameHash, std::equal_to<>> lists;
+    std::atomic<std::uint64_t> revision{0};
 
     SharedList listFor(std::string_view name) const {
         std::lock_guard lock(mutex);
@@ -82,18 +83,25 @@ void NotificationCenter::addObserver(const void* observer, std::string name, Cal
     auto extended = list ? std::make_shared<RegistrationList>(*list) : std::make_shared<RegistrationList>();
     extended->push_back(std::move(registration));
     list = std::move(extended);
+    impl_->revision.fetch_add(1, std::memory_order_release);
 }
 
 void NotificationCenter::removeObserver(const void* observer) {
     std::lock_guard lock(impl_->mutex);
     for (auto it = impl_->lists.begin(); it != impl_->lists.end();)
         it = Impl::removeFrom(it->second, observer) ? std::next(it) : impl_->lists.erase(it);
+    impl_->revision.fetch_add(1, std::memory_order_release);
 }
 
 void NotificationCenter::removeObserver(const void* observer, std::string_view name) {
     std::lock_guard lock(impl_->mutex);
     auto it = impl_->lists.find(name);
     if (it != impl_->lists.end() && !Impl::removeFrom(it->second, observer)) impl_->lists.erase(it);
+    impl_->revision.fetch_add(1, std::memory_order_release);
+}
+
+std::uint64_t NotificationCenter::registrationRevision() const noexcept {
+    return impl_->revision.load(std::memory_order_acquire);
 }
 
 namespace {

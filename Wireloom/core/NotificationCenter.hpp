@@ -23,6 +23,7 @@
 #include <Wireloom/core/Value.hpp>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -65,6 +66,9 @@ public:
     // Registrations for the name. Lets a poster skip building an expensive
     // user info nobody would read.
     std::size_t observerCount(std::string_view name) const;
+    // Changes whenever an observer is added or removed, so that a poster
+    // may remember observerCount() answers until it moves.
+    std::uint64_t registrationRevision() const noexcept;
 
 private:
     struct Impl;

@@ -26,7 +26,9 @@ std::string Object::genericDescription() const {
 }
 
 void Object::appendGenericDescription(std::string& out) const {
-    detail::TextWriter(out) << '<' << className() << ": " << detail::Pointer{this} << '>';
+    out += '<';
+    appendClassName(out);
+    detail::TextWriter(out) << ": " << detail::Pointer{this} << '>';
 }
 
 }  // namespace wireloom

@@ -22,6 +22,9 @@ public:
     std::string genericDescription() const;
     // The same, appended to `out`.
     void appendGenericDescription(std::string& out) const;
+    // className() appended to `out`; classes that know it without building
+    // a string say so.
+    virtual void appendClassName(std::string& out) const { out += className(); }
 
 protected:
     Object() = default;

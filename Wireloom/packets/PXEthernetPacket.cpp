@@ -19,13 +19,20 @@ constinit PacketClass PXEthernetPacket::kClass("PXEthernetPacket", &PXPacket::st
                                                detail::kPXEthernetPacketIndex);
 
 std::string PXEthernetPacket::stringFromMACAddress(const std::uint8_t* a) {
+    std::string text;
+    appendMACAddress(text, a);
+    return text;
+}
+
+void PXEthernetPacket::appendMACAddress(std::string& out, const std::uint8_t* a) {
     static constexpr char kHex[] = "0123456789abcdef";
-    std::string text(17, ':');
+    char text[17];
     for (std::size_t i = 0; i < 6; ++i) {
         text[3 * i] = kHex[a[i] >> 4];
         text[3 * i + 1] = kHex[a[i] & 0x0f];
+        if (i < 5) text[3 * i + 2] = ':';
     }
-    return text;
+    out.append(text, sizeof text);
 }
 
 std::string PXEthernetPacket::payloadTypeName() const {
@@ -57,8 +64,11 @@ PXPacketPtr PXEthernetPacket::packetFromData(const ByteBuffer& data, const PXPac
 }
 
 void PXEthernetPacket::appendDescription(std::string& out) const {
-    detail::TextWriter(out) << "(Eth) MAC " << macSource() << " => " << macDest() << ", proto 0x"
-                            << detail::Hex{payloadType_, 4} << " - ";
+    out += "(Eth) MAC ";
+    appendMACAddress(out, macSource_.data());
+    out += " => ";
+    appendMACAddress(out, macDest_.data());
+    detail::TextWriter(out) << ", proto 0x" << detail::Hex{payloadType_, 4} << " - ";
     appendGenericDescription(out);
 }
 

@@ -24,6 +24,8 @@ public:
 
     // "%02x:%02x:%02x:%02x:%02x:%02x" of six bytes.
     static std::string stringFromMACAddress(const std::uint8_t* address);
+    // The same text appended to `out`.
+    static void appendMACAddress(std::string& out, const std::uint8_t* address);
 
     static std::optional<PacketClassSet> allowedParentProtocols();
     std::optional<PacketClassSet> restrictedChildProtocols() const override;

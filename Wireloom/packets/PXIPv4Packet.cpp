@@ -13,13 +13,19 @@ constinit PacketClass PXIPv4Packet::kClass("PXIPv4Packet", &PXPacket::staticClas
                                            &PXIPv4Packet::allowedParentProtocols, detail::kPXIPv4PacketIndex);
 
 std::string PXIPv4Packet::stringFromIPv4Address(const std::uint8_t* a) {
+    std::string text;
+    appendIPv4Address(text, a);
+    return text;
+}
+
+void PXIPv4Packet::appendIPv4Address(std::string& out, const std::uint8_t* a) {
     char text[16];
     char* end = text;
     for (int i = 0; i < 4; ++i) {
         if (i) *end++ = '.';
         end = std::to_chars(end, text + sizeof text, a[i]).ptr;
     }
-    return std::string(text, end);
+    out.append(text, static_cast<std::size_t>(end - text));
 }
 
 std::optional<PacketClassSet> PXIPv4Packet::allowedParentProtocols() { return detail::ipParentClasses(); }
@@ -59,8 +65,11 @@ PXPacketPtr PXIPv4Packet::packetFromData(const ByteBuffer& data, const PXPacketP
 }
 
 void PXIPv4Packet::appendDescription(std::string& out) const {
-    detail::TextWriter(out) << "(IPv4) size " << detail::Decimal{payloadSize_} << " bytes, addr " << sourceAddress()
-                            << " => " << destAddress() << " - ";
+    detail::TextWriter(out) << "(IPv4) size " << detail::Decimal{payloadSize_} << " bytes, addr ";
+    appendIPv4Address(out, sourceAddress_);
+    out += " => ";
+    appendIPv4Address(out, destAddress_);
+    out += " - ";
     appendGenericDescription(out);
 }
 

@@ -26,6 +26,8 @@ public:
 
     // "%u.%u.%u.%u" of four bytes.
     static std::string stringFromIPv4Address(const std::uint8_t* address);
+    // The same text appended to `out`.
+    static void appendIPv4Address(std::string& out, const std::uint8_t* address);
 
     static std::optional<PacketClassSet> allowedParentProtocols();
     std::optional<PacketClassSet> restrictedChildProtocols() const override;

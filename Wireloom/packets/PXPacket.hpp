@@ -49,6 +49,7 @@ public:
     static constexpr const PacketClass& staticClass() noexcept { return kClass; }
     virtual const PacketClass& packetClass() const { return staticClass(); }
     std::string className() const override { return std::string(packetClass().name()); }
+    void appendClassName(std::string& out) const override { out += packetClass().name(); }
 
     // --- Properties -------------------------------------------------------
 
