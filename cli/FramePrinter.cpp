@@ -40,9 +40,8 @@ bool colorFor(ColorMode mode, std::FILE* out) {
 namespace {
 
 // Frame number, capture time, then each decoded layer from the outermost
-// in. `line` is scratch space kept between frames.
-void appendOneLine(TextBuffer& out, std::uint64_t number, const PXPacket& innermost, std::string& line) {
-    line.clear();
+// in, appended to `line`.
+void appendOneLine(std::string& line, std::uint64_t number, const PXPacket& innermost) {
     detail::TextWriter writer(line);
     char timestamp[detail::kNumberTextCapacity];
     std::string overflow;
@@ -62,7 +61,6 @@ void appendOneLine(TextBuffer& out, std::uint64_t number, const PXPacket& innerm
         layers[i]->appendDescription(line);
     }
     writer << '\n';
-    out.append(line);
 }
 
 // {"frame": N, "timestamp": T, "layers": [...]} on one line.
@@ -89,8 +87,9 @@ void FramePrinter::print(const PXPacket& innermost) {
         break;
     case Format::Json: printJSON(out_, frames_, innermost); break;
     case Format::OneLine:
-        appendOneLine(buffer_, frames_, innermost, line_);
-        if (buffer_.size() >= (1u << 20)) buffer_.flush(out_);
+        // Written straight into the output block, which goes out a megabyte at a time.
+        appendOneLine(lines_, frames_, innermost);
+        if (lines_.size() >= (1u << 20)) flushLines();
         break;
     case Format::None:
         for (const PXPacket* p = &innermost; p->encapsulatingPacket(); p = p->encapsulatingPacket().get())
@@ -99,8 +98,14 @@ void FramePrinter::print(const PXPacket& innermost) {
     }
 }
 
+void FramePrinter::flushLines() {
+    std::fwrite(lines_.data(), 1, lines_.size(), out_);
+    lines_.clear();
+}
+
 void FramePrinter::finish() {
     buffer_.flush(out_);
+    flushLines();
     if (format_ == Format::None) {
         std::fprintf(out_, "frames read: %llu\n", static_cast<unsigned long long>(frames_));
         for (const PacketClass& cls : PXPacket::packetClasses()) {

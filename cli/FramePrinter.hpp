@@ -44,8 +44,10 @@ private:
     Format format_;
     bool color_;
     std::uint64_t frames_ = 0;
-    TextBuffer buffer_;
-    std::string line_;
+    void flushLines();
+
+    TextBuffer buffer_;  // trees
+    std::string lines_;  // one-line summaries
     // Frames whose chain reaches each layer class, by registry position.
     std::map<int, std::uint64_t> framesPerClass_;
 };
