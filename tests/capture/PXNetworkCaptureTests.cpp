@@ -157,7 +157,7 @@ TEST_F(PXNetworkCaptureTest, FirstOpenFailingAndTheGrantMendingItAsksOnce) {
 TEST_F(PXNetworkCaptureTest, LiveOnLoopbackAnnouncesInOrderVetoesSubstitutesAndRestarts) {
     SKIP_UNLESS_ROOT();
     auto capture = PXNetworkCapture::captureWithDevice(deviceNamed("lo"));
-    capture->setCaptureFilter("udp port " + std::to_string(kPort));
+    capture->setCaptureFilter("port " + std::to_string(kPort));
     Recorder recorder(capture);
     std::string error;
     ASSERT_TRUE(capture->startWithError(&error)) << error;
@@ -174,6 +174,26 @@ TEST_F(PXNetworkCaptureTest, LiveOnLoopbackAnnouncesInOrderVetoesSubstitutesAndR
               (std::vector<std::string>{
                   kPXNetworkCapturePacketDecodeOpportunityNotificationName, kPXNetworkCapturePrePacketNotificationName,
                   kPXNetworkCapturePacketNotificationName, kPXNetworkCapturePostPacketNotificationName}));
+
+    // A TCP connection of our own: its SYN is announced, decoded.
+    const int listener = socket(AF_INET, SOCK_STREAM, 0), client = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(kPort);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    listen(listener, 1);
+    ASSERT_EQ(connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const auto synTo = [&] {
+        for (const PXPacketPtr& packet : recorder.packets)
+            if (auto tcp = packet ? packet->packetWithProtocol<PXTCPPacket>() : nullptr)
+                if (tcp->destPort() == kPort && tcp->synFlag() && !tcp->ackFlag()) return true;
+        return false;
+    };
+    EXPECT_TRUE(runMainLoopUntil(synTo));
+    close(client);
+    close(listener);
+    RunLoop::main().runFor(std::chrono::milliseconds(50));
 
     // Substitution: an RTP layer decoded over the UDP payload is carried by
     // the three later notifications; a packet of another chain is refused.
@@ -195,11 +215,20 @@ TEST_F(PXNetworkCaptureTest, LiveOnLoopbackAnnouncesInOrderVetoesSubstitutesAndR
     recorder.names.clear();
     recorder.packets.clear();
     sendDatagram(kPort, std::string("\x80\x08\x00\x01\x00\x00\x00\x10\x12\x34\x56\x78rtp", 15));
-    ASSERT_TRUE(runMainLoopUntil([&] { return recorder.packets.size() == 4; }));
+    // Late segments of the closed connection may be announced too: look for
+    // the datagram's decode opportunity and the three notifications after it.
+    const auto datagramAt = [&]() -> std::size_t {
+        for (std::size_t i = 0; i + 3 < recorder.packets.size(); ++i)
+            if (std::dynamic_pointer_cast<PXUDPPacket>(recorder.packets[i])) return i;
+        return recorder.packets.size();
+    };
+    ASSERT_TRUE(runMainLoopUntil([&] { return datagramAt() < recorder.packets.size(); }));
     NotificationCenter::defaultCenter().removeObserver(this);
     EXPECT_TRUE(refused);
-    EXPECT_NE(std::dynamic_pointer_cast<PXUDPPacket>(recorder.packets[0]), nullptr);
-    for (std::size_t i = 1; i < 4; ++i) EXPECT_NE(std::dynamic_pointer_cast<PXRTPPacket>(recorder.packets[i]), nullptr);
+    const std::size_t first = datagramAt();
+    EXPECT_EQ(recorder.names[first], kPXNetworkCapturePacketDecodeOpportunityNotificationName);
+    for (std::size_t i = first + 1; i < first + 4; ++i)
+        EXPECT_NE(std::dynamic_pointer_cast<PXRTPPacket>(recorder.packets[i]), nullptr);
 
     // A delegate's veto: nothing at all is posted.
     struct Veto : PXNetworkCaptureFilterDelegate {
@@ -210,7 +239,7 @@ TEST_F(PXNetworkCaptureTest, LiveOnLoopbackAnnouncesInOrderVetoesSubstitutesAndR
     capture->setFilterDelegate(veto);
     recorder.names.clear();
     sendDatagram(kPort, "vetoed");
-    ASSERT_TRUE(runMainLoopUntil([&] { return veto->asked == 1; }));
+    ASSERT_TRUE(runMainLoopUntil([&] { return veto->asked >= 1; }));
     RunLoop::main().runFor(std::chrono::milliseconds(50));
     EXPECT_TRUE(recorder.names.empty());
     capture->setFilterDelegate(nullptr);
