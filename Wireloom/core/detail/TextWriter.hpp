@@ -5,7 +5,8 @@
 //
 //   TextWriter(out) << "(UDP) size " << Decimal{size} << " bytes, proto 0x" << Hex{protocol, 2};
 
-#include <charconv>
+#include <Wireloom/core/detail/NumberText.hpp>
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -38,22 +39,17 @@ public:
         return *this;
     }
     TextWriter& operator<<(Decimal number) {
-        char digits[20];
-        const char* end = std::to_chars(digits, digits + sizeof digits, number.value).ptr;
-        out_.append(digits, static_cast<std::size_t>(end - digits));
-        return *this;
+        char text[kNumberTextCapacity];
+        return *this << decimalText(text, number.value);
     }
     TextWriter& operator<<(Hex number) {
-        char digits[16];
-        const auto count =
-            static_cast<int>(std::to_chars(digits, digits + sizeof digits, number.value, 16).ptr - digits);
-        if (count < number.digits) out_.append(static_cast<std::size_t>(number.digits - count), '0');
-        out_.append(digits, static_cast<std::size_t>(count));
-        return *this;
+        char text[kNumberTextCapacity];
+        return *this << hexText(text, number.value, number.digits).substr(2);  // without the "0x"
     }
     TextWriter& operator<<(Pointer pointer) {
         if (!pointer.value) return *this << "(nil)";
-        return *this << "0x" << Hex{reinterpret_cast<std::uintptr_t>(pointer.value)};
+        char text[kNumberTextCapacity];
+        return *this << hexText(text, reinterpret_cast<std::uintptr_t>(pointer.value), 1);
     }
 
 private:
