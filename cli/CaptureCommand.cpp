@@ -65,14 +65,8 @@ std::optional<CaptureOptions> parseCaptureOptions(const std::vector<std::string>
                 options.count = static_cast<std::uint64_t>(*number);
             else
                 options.duration = *number;
-        } else if (arg == "--format") {
-            std::optional<Format> format = parseFormat(*value, false, err);
-            if (!format) return std::nullopt;
-            options.format = *format;
-        } else {
-            std::optional<ColorMode> color = parseColorMode(*value, err);
-            if (!color) return std::nullopt;
-            options.color = *color;
+        } else if (!parseOutputOption(arg, *value, false, options.format, options.color, err)) {
+            return std::nullopt;
         }
     }
     return options;

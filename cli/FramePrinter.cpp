@@ -33,6 +33,18 @@ std::optional<ColorMode> parseColorMode(const std::string& word, std::FILE* err)
     return std::nullopt;
 }
 
+bool parseOutputOption(const std::string& option, const std::string& value, bool allowNone, Format& format,
+                       ColorMode& color, std::FILE* err) {
+    if (option == "--format") {
+        const std::optional<Format> parsed = parseFormat(value, allowNone, err);
+        if (parsed) format = *parsed;
+        return parsed.has_value();
+    }
+    const std::optional<ColorMode> parsed = parseColorMode(value, err);
+    if (parsed) color = *parsed;
+    return parsed.has_value();
+}
+
 bool colorFor(ColorMode mode, std::FILE* out) {
     return mode == ColorMode::Always || (mode == ColorMode::Auto && out == stdout && isatty(STDOUT_FILENO));
 }

@@ -26,6 +26,10 @@ const std::string* optionValue(const std::vector<std::string>& args, std::size_t
 // message, for anything else.
 std::optional<Format> parseFormat(const std::string& word, bool allowNone, std::FILE* err);
 std::optional<ColorMode> parseColorMode(const std::string& word, std::FILE* err);
+// --format or --color (`option`) set from `value`; false, with a message,
+// for a value neither knows.
+bool parseOutputOption(const std::string& option, const std::string& value, bool allowNone, Format& format,
+                       ColorMode& color, std::FILE* err);
 // Whether tree output to `out` is coloured.
 bool colorFor(ColorMode mode, std::FILE* out);
 

@@ -28,16 +28,8 @@ std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args
         const std::string& arg = args[i];
         if (arg == "--format" || arg == "--color") {
             const std::string* value = optionValue(args, i, err);
-            if (!value) return std::nullopt;
-            if (arg == "--format") {
-                std::optional<Format> format = parseFormat(*value, true, err);
-                if (!format) return std::nullopt;
-                options.format = *format;
-            } else {
-                std::optional<ColorMode> color = parseColorMode(*value, err);
-                if (!color) return std::nullopt;
-                options.color = *color;
-            }
+            if (!value || !parseOutputOption(arg, *value, true, options.format, options.color, err))
+                return std::nullopt;
         } else if (arg.size() > 1 && arg[0] == '-') {
             std::fprintf(err, "wireloom: unknown option '%s'\n", arg.c_str());
             return std::nullopt;
