@@ -127,8 +127,8 @@ std::uint64_t replayWithWireloom(const std::string& path) {
     auto file = PXCaptureFile::open(path, &error);
     if (!file) return 0;
     std::uint64_t frames = 0;
-    PXNetworkCapture::captureWithNullDevice()->replayCaptureFile(*file, &error,
-                                                                 [&](std::uint64_t records) { frames = records; });
+    PXNetworkCapture::captureWithNullDevice()->replayCaptureFile(
+        *file, &error, [&](std::uint64_t records, std::uint64_t) { frames = records; });
     return frames;
 }
 

@@ -56,10 +56,9 @@ public:
         if (err == stderr && isatty(STDERR_FILENO) && stat(path.c_str(), &info) == 0 && info.st_size > (64 << 20))
             fileBytes_ = static_cast<double>(info.st_size);
     }
-    void advance(std::uint64_t recordBytes) {
+    void show(std::uint64_t bytes) {
         if (fileBytes_ == 0) return;
-        bytes_ += recordBytes + 16;  // with the record header
-        const int percent = static_cast<int>(100.0 * static_cast<double>(bytes_) / fileBytes_);
+        const int percent = static_cast<int>(100.0 * static_cast<double>(bytes) / fileBytes_);
         if (percent == shown_ || percent > 100) return;
         shown_ = percent;
         std::fprintf(err_, "\r[%-50s] %3d%%", std::string(static_cast<std::size_t>(percent / 2), '#').c_str(), percent);
@@ -72,7 +71,6 @@ public:
 private:
     std::FILE* err_;
     double fileBytes_ = 0;
-    std::uint64_t bytes_ = 0;
     int shown_ = -1;
 };
 
@@ -102,9 +100,8 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
         },
         capture.get());
     ProgressBar progress(options->path, err);
-    const bool complete = capture->replayCaptureFile(*file, &error, [&](std::uint64_t) {
-        if (const PXPacketPtr packet = capture->currentPacket()) progress.advance(packet->rawData().size());
-    });
+    const bool complete =
+        capture->replayCaptureFile(*file, &error, [&](std::uint64_t, std::uint64_t bytes) { progress.show(bytes); });
     center.removeObserver(&printer);
     printer.finish();
     if (!complete) {

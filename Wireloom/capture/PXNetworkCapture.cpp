@@ -32,6 +32,9 @@ double wallClock() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1000000.0;
 }
 
+// A record's header in a pcap file: two times and two lengths, 4 bytes each.
+constexpr std::uint64_t kRecordHeaderBytes = 16;
+
 UserInfo packetInfo(const PXPacketPtr& packet) { return {{"packet", Value(ObjectPtr(packet))}}; }
 
 // pcap_open_live(interface, 65535, not promiscuous, ...), with its error
@@ -225,7 +228,7 @@ bool PXNetworkCapture::transformCurrentPacket(const PXPacketPtr& packet) {
 }
 
 bool PXNetworkCapture::replayCaptureFile(PXCaptureFile& file, std::string* error,
-                                         const std::function<void(std::uint64_t)>& progress) {
+                                         const std::function<void(std::uint64_t, std::uint64_t)>& progress) {
     if (!nullDevice_) {
         if (error) *error = "Replaying a capture file needs a capture without a device";
         return false;
@@ -234,12 +237,13 @@ bool PXNetworkCapture::replayCaptureFile(PXCaptureFile& file, std::string* error
     const pcap_pkthdr* header = nullptr;
     const std::uint8_t* data = nullptr;
     std::string reason;
-    std::uint64_t records = 0;
+    std::uint64_t records = 0, bytes = 0;
     while (file.nextRecord(&header, &data, &reason)) {
         timeManager_->updateCurrentTime(static_cast<double>(header->ts.tv_sec) +
                                         static_cast<double>(header->ts.tv_usec) / 1000000.0);
         PX_processPacketHeader(*header, data);
-        if (progress) progress(++records);
+        bytes += kRecordHeaderBytes + header->caplen;
+        if (progress) progress(++records, bytes);
     }
     if (reason.empty()) return true;
     if (error) *error = reason;

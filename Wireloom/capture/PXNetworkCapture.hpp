@@ -100,10 +100,11 @@ public:
     // Feeds every record of a capture file through a null-device capture:
     // the file's link-layer type, each record's own lengths, and the clock
     // set to each record's time before it is announced, so that time-outs
-    // behave as they did live. `progress` (may be empty) is told the
-    // records done. False with libpcap's text if the file is cut short.
+    // behave as they did live. `progress` (may be empty) is told, after
+    // each record, the records done and their bytes (captured bytes and
+    // record headers). False with libpcap's text if the file is cut short.
     bool replayCaptureFile(PXCaptureFile& file, std::string* error,
-                           const std::function<void(std::uint64_t records)>& progress = {});
+                           const std::function<void(std::uint64_t records, std::uint64_t bytes)>& progress = {});
 
     PXNetworkCapture(const PXNetworkCapture&) = delete;
     PXNetworkCapture& operator=(const PXNetworkCapture&) = delete;

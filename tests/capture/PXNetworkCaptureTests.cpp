@@ -275,7 +275,8 @@ TEST_F(PXNetworkCaptureTest, NullDeviceDecodesEthernetAndReplayAdvancesTheClockF
         },
         capture.get());
     std::uint64_t reported = 0;
-    EXPECT_TRUE(capture->replayCaptureFile(*file, &error, [&](std::uint64_t records) { reported = records; }));
+    EXPECT_TRUE(
+        capture->replayCaptureFile(*file, &error, [&](std::uint64_t records, std::uint64_t) { reported = records; }));
     NotificationCenter::defaultCenter().removeObserver(this);
     EXPECT_EQ(reported, 65u);
     ASSERT_EQ(timestamps.size(), 65u);
