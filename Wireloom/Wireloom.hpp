@@ -40,3 +40,7 @@
 #include <Wireloom/capture/WLNetworkCaptureAssistant.hpp>
 
 #include <Wireloom/flows/PXTCPBuffer.hpp>
+#include <Wireloom/flows/PXTCPFlow.hpp>
+#include <Wireloom/flows/PXTCPFlowTable.hpp>
+#include <Wireloom/flows/PXUDPFlow.hpp>
+#include <Wireloom/flows/PXUDPFlowTable.hpp>

@@ -197,19 +197,10 @@ bool PXNetworkCapture::PX_processPacketHeader(const pcap_pkthdr& header, const s
     currentPacket_ = packet;
     NotificationCenter& center = NotificationCenter::defaultCenter();
     const std::shared_ptr<Object> self = shared_from_this();
-    // The user-info is made only for a notification somebody observes, and
-    // who observes is asked again only when registrations change: a replay
-    // announces every frame of a file four times.
-    static constexpr const char* kNames[] = {
-        kPXNetworkCapturePacketDecodeOpportunityNotificationName, kPXNetworkCapturePrePacketNotificationName,
-        kPXNetworkCapturePacketNotificationName, kPXNetworkCapturePostPacketNotificationName};
-    for (std::size_t i = 0; i < std::size(kNames); ++i) {
-        const std::uint64_t revision = center.registrationRevision();
-        if (revision != observedRevision_[i]) {
-            observed_[i] = center.observerCount(kNames[i]) > 0;
-            observedRevision_[i] = revision;
-        }
-        if (observed_[i]) center.postNotification(kNames[i], self, packetInfo(announcing_));
+    // The user-info is made only for a notification somebody observes: a
+    // replay announces every frame of a file four times.
+    for (ObserverProbe& probe : probes_) {
+        if (probe.isObserved()) center.postNotification(probe.name(), self, packetInfo(announcing_));
     }
     announcing_.reset();
     return true;

@@ -17,6 +17,7 @@
 #include <Wireloom/capture/PXCaptureDevice.hpp>
 #include <Wireloom/capture/PXTime.hpp>
 #include <Wireloom/core/ByteBuffer.hpp>
+#include <Wireloom/core/NotificationCenter.hpp>
 #include <Wireloom/core/Object.hpp>
 #include <Wireloom/core/RunLoop.hpp>
 #include <Wireloom/packets/PXPacket.hpp>
@@ -120,10 +121,11 @@ private:
     bool nullDevice_ = false;
     std::weak_ptr<PXPacket> currentPacket_;
     PXPacketPtr announcing_;
-    // Whether each of the four notifications has observers, as of a
-    // registration revision of the notification center.
-    bool observed_[4] = {};
-    std::uint64_t observedRevision_[4] = {~0ull, ~0ull, ~0ull, ~0ull};
+    // Whether each of the four notifications has observers.
+    ObserverProbe probes_[4] = {ObserverProbe(kPXNetworkCapturePacketDecodeOpportunityNotificationName),
+                                ObserverProbe(kPXNetworkCapturePrePacketNotificationName),
+                                ObserverProbe(kPXNetworkCapturePacketNotificationName),
+                                ObserverProbe(kPXNetworkCapturePostPacketNotificationName)};
     pcap* handle_ = nullptr;
     double startTime_ = 0;
     int linkLayerType_ = 1;

@@ -75,4 +75,30 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
+// Whether a name has observers, asked of the center again only when its
+// registrations change. A poster of thousands of notifications a second
+// keeps one per name and builds a user info only when someone will read it:
+//
+//   if (chunkProbe_.isObserved()) center.postNotification(kName, self, {{"chunk", bytes}});
+class ObserverProbe {
+public:
+    explicit ObserverProbe(std::string_view name, NotificationCenter& center = NotificationCenter::defaultCenter())
+        : name_(name), center_(&center) {}
+    bool isObserved() {
+        const std::uint64_t revision = center_->registrationRevision();
+        if (revision != revision_) {
+            observed_ = center_->observerCount(name_) > 0;
+            revision_ = revision;
+        }
+        return observed_;
+    }
+    std::string_view name() const noexcept { return name_; }
+
+private:
+    std::string_view name_;  // a constant's text, never a temporary
+    NotificationCenter* center_;
+    std::uint64_t revision_ = ~std::uint64_t{0};
+    bool observed_ = false;
+};
+
 }  // namespace wireloom

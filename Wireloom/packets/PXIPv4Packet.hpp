@@ -23,6 +23,9 @@ public:
     // Dotted decimal, formatted from the header's bytes when asked.
     std::string sourceAddress() const { return stringFromIPv4Address(sourceAddress_); }
     std::string destAddress() const { return stringFromIPv4Address(destAddress_); }
+    // The header's 4 address bytes, in network order.
+    const std::uint8_t* sourceAddressBytes() const noexcept { return sourceAddress_; }
+    const std::uint8_t* destAddressBytes() const noexcept { return destAddress_; }
 
     // "%u.%u.%u.%u" of four bytes.
     static std::string stringFromIPv4Address(const std::uint8_t* address);

@@ -24,6 +24,9 @@ public:
     void setProtocol(std::uint8_t protocol) noexcept { protocol_ = protocol; }
     std::string sourceAddress() const { return stringFromIPv6Address(sourceAddress_); }
     std::string destAddress() const { return stringFromIPv6Address(destAddress_); }
+    // The header's 16 address bytes, in network order.
+    const std::uint8_t* sourceAddressBytes() const noexcept { return sourceAddress_; }
+    const std::uint8_t* destAddressBytes() const noexcept { return destAddress_; }
 
     static std::string stringFromIPv6Address(const std::uint8_t* address);
 

@@ -1,0 +1,83 @@
+#include <Wireloom/flows/PXTCPFlow.hpp>
+#include <Wireloom/flows/PXTCPFlowTable.hpp>
+
+namespace wireloom {
+
+namespace {
+constexpr const char* kMissingBytes = "Encountered missing bytes in stream";
+
+double clockOf(const std::shared_ptr<PXTCPFlowTable>& table) {
+    if (!table || !table->networkCapture()) return 0;
+    return table->networkCapture()->timeManager()->currentTime();
+}
+}  // namespace
+
+PXTCPFlow::PXTCPFlow(std::string endpoint0, std::string endpoint1, const std::shared_ptr<PXTCPFlowTable>& table,
+                     double now)
+    : FlowEndpoints(std::move(endpoint0), std::move(endpoint1), now),
+      endpoint0Outgoing_(std::make_unique<PXTCPBuffer>()),
+      endpoint0Incoming_(std::make_unique<PXTCPBuffer>()),
+      table_(table) {}
+
+PXTCPFlow::Ptr PXTCPFlow::initWithEndpoint(std::string endpoint0, std::string endpoint1,
+                                           const std::shared_ptr<PXTCPFlowTable>& table) {
+    return std::make_shared<PXTCPFlow>(std::move(endpoint0), std::move(endpoint1), table, clockOf(table));
+}
+
+double PXTCPFlow::now() const { return clockOf(table_.lock()); }
+
+void PXTCPFlow::processPacket(const PXTCPPacket& packet, bool sourceIsZero, std::string* error) {
+    ++segments_[sourceIsZero ? 0 : 1];
+    // A FIN closes only its own direction; missing bytes close both.
+    std::unique_ptr<PXTCPBuffer>& own = sourceIsZero ? endpoint0Outgoing_ : endpoint0Incoming_;
+    std::unique_ptr<PXTCPBuffer>& other = sourceIsZero ? endpoint0Incoming_ : endpoint0Outgoing_;
+    if (sourceIsZero)
+        setEndpoint0ActivityTime(now());
+    else
+        setEndpoint1ActivityTime(now());
+    std::string stored;
+    if (handlePacket(packet, own.get(), error ? &stored : nullptr)) return;
+    own.reset();
+    if (!stored.empty()) {
+        *error = std::move(stored);
+        other.reset();
+    }
+}
+
+bool PXTCPFlow::handlePacket(const PXTCPPacket& packet, PXTCPBuffer* buffer, std::string* error) {
+    const ByteBuffer& payload = packet.payload();
+    if (!payload.empty()) {
+        if (!buffer) return false;  // data after this direction ended
+        bool missing = false;
+        std::optional<ByteBuffer> chunk = buffer->pushData(payload.span(), packet.seqNumber(), &missing);
+        if (chunk) {
+            const bool fromZero = buffer == endpoint0Outgoing_.get();
+            bytes_[fromZero ? 0 : 1] += chunk->size();
+            if (chunkProbe_.isObserved()) {
+                NotificationCenter::defaultCenter().postNotification(
+                    kPXTCPFlowStreamChunkNotificationName, shared_from_this(),
+                    {{"chunk", std::move(*chunk)}, {"identifier", fromZero ? endpoint0() : endpoint1()}});
+            }
+        } else if (missing) {
+            if (error) *error = kMissingBytes;
+            return false;
+        }
+    }
+    return !packet.finFlag();
+}
+
+bool PXTCPFlow::isAlive() const {
+    if (!endpoint0Incoming_ && !endpoint0Outgoing_) return false;
+    const std::shared_ptr<PXTCPFlowTable> table = table_.lock();
+    if (!table || !table->tcpFlowsUseTimeouts()) return true;
+    const double now = clockOf(table);
+    const double interval = table->idleFlowTimeoutInterval();
+    return !(now - endpoint0ActivityTime() > interval) && !(now - endpoint1ActivityTime() > interval);
+}
+
+bool PXTCPFlow::isPacketMemberOfFlow(const PXPacket& packet) const {
+    auto tcp = packet.packetWithProtocol<PXTCPPacket>();
+    return tcp && carriesEndpoints(packet, tcp->sourcePort(), tcp->destPort());
+}
+
+}  // namespace wireloom

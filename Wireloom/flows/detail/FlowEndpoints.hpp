@@ -1,0 +1,69 @@
+#pragma once
+// What TCP and UDP flows have in common: their two endpoints, when each last
+// sent something, and the key their table files them under. Endpoint 0 is
+// the one whose identifier sorts first by plain byte-wise comparison; the
+// flow takes the order its table gives it.
+
+#include <Wireloom/packets/PXPacket.hpp>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace wireloom::detail {
+
+class FlowEndpoints {
+public:
+    // "ADDRESS:PORT", the port in decimal.
+    static std::string endpointWithAddress(std::string_view address, std::uint16_t port);
+
+    const std::string& endpoint0Address() const noexcept { return endpoint0Address_; }
+    void setEndpoint0Address(std::string address) { endpoint0Address_ = std::move(address); }
+    std::uint16_t endpoint0Port() const noexcept { return endpoint0Port_; }
+    void setEndpoint0Port(std::uint16_t port) noexcept { endpoint0Port_ = port; }
+    const std::string& endpoint1Address() const noexcept { return endpoint1Address_; }
+    void setEndpoint1Address(std::string address) { endpoint1Address_ = std::move(address); }
+    std::uint16_t endpoint1Port() const noexcept { return endpoint1Port_; }
+    void setEndpoint1Port(std::uint16_t port) noexcept { endpoint1Port_ = port; }
+    const std::string& endpoint0() const noexcept { return endpoint0_; }
+    void setEndpoint0(std::string endpoint) { endpoint0_ = std::move(endpoint); }
+    const std::string& endpoint1() const noexcept { return endpoint1_; }
+    void setEndpoint1(std::string endpoint) { endpoint1_ = std::move(endpoint); }
+    // Seconds on the capture clock; both start when the flow is made.
+    double endpoint0ActivityTime() const noexcept { return endpoint0ActivityTime_; }
+    void setEndpoint0ActivityTime(double time) noexcept { endpoint0ActivityTime_ = time; }
+    double endpoint1ActivityTime() const noexcept { return endpoint1ActivityTime_; }
+    void setEndpoint1ActivityTime(double time) noexcept { endpoint1ActivityTime_ = time; }
+
+    // The table's key, "ENDPOINT0-ENDPOINT1"; empty until a table files it.
+    const std::string& key() const noexcept { return key_; }
+    void setKey(std::string key) { key_ = std::move(key); }
+    // The capture clock's time when the flow was made.
+    double startTime() const noexcept { return startTime_; }
+
+protected:
+    FlowEndpoints(std::string endpoint0, std::string endpoint1, double now)
+        : endpoint0_(std::move(endpoint0)),
+          endpoint1_(std::move(endpoint1)),
+          endpoint0ActivityTime_(now),
+          endpoint1ActivityTime_(now),
+          startTime_(now) {}
+
+    // Whether the packet's IPv6 layer, or failing that its IPv4 layer,
+    // carries these addresses and ports in either direction.
+    bool carriesEndpoints(const PXPacket& packet, std::uint16_t sourcePort, std::uint16_t destPort) const;
+
+private:
+    std::string endpoint0Address_;
+    std::string endpoint1Address_;
+    std::string endpoint0_;
+    std::string endpoint1_;
+    std::string key_;
+    double endpoint0ActivityTime_;
+    double endpoint1ActivityTime_;
+    double startTime_;
+    std::uint16_t endpoint0Port_ = 0;
+    std::uint16_t endpoint1Port_ = 0;
+};
+
+}  // namespace wireloom::detail
