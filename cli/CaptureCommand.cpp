@@ -1,7 +1,8 @@
-// wireloom capture [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]
+// wireloom capture [--flows] [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]
 //                  [--format tree|oneline|json] [--color auto|always|never]
 // wireloom devices
 #include "Commands.hpp"
+#include "FlowReport.hpp"
 #include "FramePrinter.hpp"
 
 #include <Wireloom/Wireloom.hpp>
@@ -26,6 +27,7 @@ struct CaptureOptions {
     std::string outputPath;
     Format format = Format::OneLine;
     ColorMode color = ColorMode::Auto;
+    bool flows = false;
 };
 
 std::optional<double> positiveNumber(const std::string& text) {
@@ -39,6 +41,10 @@ std::optional<CaptureOptions> parseCaptureOptions(const std::vector<std::string>
     CaptureOptions options;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
+        if (arg == "--flows") {
+            options.flows = true;
+            continue;
+        }
         const bool takesValue = arg == "-i" || arg == "-f" || arg == "-c" || arg == "--duration" || arg == "-w" ||
                                 arg == "--format" || arg == "--color";
         if (!takesValue) {
@@ -65,7 +71,7 @@ std::optional<CaptureOptions> parseCaptureOptions(const std::vector<std::string>
                 options.count = static_cast<std::uint64_t>(*number);
             else
                 options.duration = *number;
-        } else if (!parseOutputOption(arg, *value, false, options.format, options.color, err)) {
+        } else if (!parseOutputOption(arg, *value, true, options.format, options.color, err)) {
             return std::nullopt;
         }
     }
@@ -101,15 +107,20 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
 
     const PXNetworkCapture::Ptr capture = PXNetworkCapture::captureWithDevice(device);
     capture->setCaptureFilter(options->filter);
-    FramePrinter printer(out, options->format, colorFor(options->color, out));
+    const bool color = colorFor(options->color, out);
+    FramePrinter printer(out, options->format, color);
+    FlowPrinter flowPrinter(out, options->format, color);
+    if (options->flows) flowPrinter.attach(capture);
+    std::uint64_t frames = 0;
     bool wroteHeader = false;
     NotificationCenter& center = NotificationCenter::defaultCenter();
     center.addObserver(
         &printer, kPXNetworkCapturePacketNotificationName,
         [&](const Notification& notification) {
             const PXPacketPtr packet = notification.userInfo.at("packet").object<PXPacket>();
-            if (!packet || (options->count && printer.frames() >= options->count)) return;
-            printer.print(*packet);
+            if (!packet || (options->count && frames >= options->count)) return;
+            ++frames;
+            if (!options->flows) printer.print(*packet);
             if (!pcapFile) return;
             if (!wroteHeader) {
                 const ByteBuffer header = PXPacket::pcapHeaderForRepresentativePacket(*packet);
@@ -136,19 +147,22 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
                                                             std::chrono::duration<double>(options->duration))
                               : RunLoop::Clock::time_point::max();
     // In slices, so that a signal is noticed promptly.
-    while (!gInterrupted && RunLoop::Clock::now() < deadline && (!options->count || printer.frames() < options->count))
-        RunLoop::main().runUntil([&] { return gInterrupted || (options->count && printer.frames() >= options->count); },
+    while (!gInterrupted && RunLoop::Clock::now() < deadline && (!options->count || frames < options->count))
+        RunLoop::main().runUntil([&] { return gInterrupted || (options->count && frames >= options->count); },
                                  std::min(deadline, RunLoop::Clock::now() + std::chrono::milliseconds(100)));
     capture->stop();
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
     center.removeObserver(&printer);
-    printer.finish();
+    if (options->flows)
+        flowPrinter.finish();
+    else
+        printer.finish();
     if (pcapFile) std::fclose(pcapFile);
 
     const PXNetworkCapture::Statistics counters = capture->statistics();
     std::fprintf(err, "wireloom: %llu frames announced; libpcap received %llu, dropped %llu\n",
-                 static_cast<unsigned long long>(printer.frames()), static_cast<unsigned long long>(counters.received),
+                 static_cast<unsigned long long>(frames), static_cast<unsigned long long>(counters.received),
                  static_cast<unsigned long long>(counters.dropped));
     return 0;
 }

@@ -87,6 +87,13 @@ void printJSON(std::FILE* out, std::uint64_t number, const PXPacket& innermost) 
 
 }  // namespace
 
+std::unique_ptr<PXCaptureFile> openCaptureFile(const std::string& path, std::FILE* err) {
+    std::string error;
+    std::unique_ptr<PXCaptureFile> file = PXCaptureFile::open(path, &error);
+    if (!file) std::fprintf(err, "wireloom: %s: %s\n", path.c_str(), error.c_str());
+    return file;
+}
+
 void FramePrinter::print(const PXPacket& innermost) {
     ++frames_;
     switch (format_) {

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,6 +31,9 @@ std::optional<ColorMode> parseColorMode(const std::string& word, std::FILE* err)
 // for a value neither knows.
 bool parseOutputOption(const std::string& option, const std::string& value, bool allowNone, Format& format,
                        ColorMode& color, std::FILE* err);
+// The capture file at `path`; null, with the message on `err`, when it
+// cannot be read.
+std::unique_ptr<PXCaptureFile> openCaptureFile(const std::string& path, std::FILE* err);
 // Whether tree output to `out` is coloured.
 bool colorFor(ColorMode mode, std::FILE* out);
 

@@ -1,8 +1,9 @@
-// wireloom read FILE [--format tree|json|oneline|none] [--color auto|always|never]
+// wireloom read FILE [--flows] [--format tree|json|oneline|none] [--color auto|always|never]
 //
 // The file goes through the same pipeline as a live capture: a capture
 // without a device announces each record, its clock set to the record's time.
 #include "Commands.hpp"
+#include "FlowReport.hpp"
 #include "FramePrinter.hpp"
 
 #include <Wireloom/Wireloom.hpp>
@@ -20,6 +21,7 @@ struct ReadOptions {
     std::string path;
     Format format = Format::Tree;
     ColorMode color = ColorMode::Auto;
+    bool flows = false;
 };
 
 std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args, std::FILE* err) {
@@ -30,6 +32,8 @@ std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args
             const std::string* value = optionValue(args, i, err);
             if (!value || !parseOutputOption(arg, *value, true, options.format, options.color, err))
                 return std::nullopt;
+        } else if (arg == "--flows") {
+            options.flows = true;
         } else if (arg.size() > 1 && arg[0] == '-') {
             std::fprintf(err, "wireloom: unknown option '%s'\n", arg.c_str());
             return std::nullopt;
@@ -83,27 +87,33 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
         return kExitUsage;
     }
 
+    std::unique_ptr<PXCaptureFile> file = openCaptureFile(options->path, err);
+    if (!file) return kExitFailure;
     std::string error;
-    std::unique_ptr<PXCaptureFile> file = PXCaptureFile::open(options->path, &error);
-    if (!file) {
-        std::fprintf(err, "wireloom: %s: %s\n", options->path.c_str(), error.c_str());
-        return kExitFailure;
-    }
 
-    FramePrinter printer(out, options->format, colorFor(options->color, out));
+    const bool color = colorFor(options->color, out);
+    FramePrinter printer(out, options->format, color);
+    FlowPrinter flowPrinter(out, options->format, color);
     const PXNetworkCapture::Ptr capture = PXNetworkCapture::captureWithNullDevice();
     NotificationCenter& center = NotificationCenter::defaultCenter();
-    center.addObserver(
-        &printer, kPXNetworkCapturePacketNotificationName,
-        [&printer](const Notification& notification) {
-            if (auto packet = notification.userInfo.at("packet").object<PXPacket>()) printer.print(*packet);
-        },
-        capture.get());
+    if (options->flows) {
+        flowPrinter.attach(capture);
+    } else {
+        center.addObserver(
+            &printer, kPXNetworkCapturePacketNotificationName,
+            [&printer](const Notification& notification) {
+                if (auto packet = notification.userInfo.at("packet").object<PXPacket>()) printer.print(*packet);
+            },
+            capture.get());
+    }
     ProgressBar progress(options->path, err);
     const bool complete =
         capture->replayCaptureFile(*file, &error, [&](std::uint64_t, std::uint64_t bytes) { progress.show(bytes); });
     center.removeObserver(&printer);
-    printer.finish();
+    if (options->flows)
+        flowPrinter.finish();
+    else
+        printer.finish();
     if (!complete) {
         std::fprintf(err, "wireloom: %s: %s\n", options->path.c_str(), error.c_str());
         return kExitFailure;

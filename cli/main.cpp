@@ -7,9 +7,10 @@ using namespace wireloom::cli;
 
 void wireloom::cli::printUsage(std::FILE* to) {
     std::fputs(
-        "usage: wireloom read FILE [--format tree|json|oneline|none] [--color auto|always|never]\n"
+        "usage: wireloom read FILE [--flows] [--format tree|json|oneline|none] [--color auto|always|never]\n"
         "       wireloom capture [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]\n"
-        "                        [--format tree|oneline|json] [--color auto|always|never]\n"
+        "                        [--flows] [--format tree|oneline|json|none] [--color auto|always|never]\n"
+        "       wireloom follow FILE KEY [--direction 0|1]\n"
         "       wireloom devices\n"
         "\n"
         "  read    decode every frame of a capture file (pcap or pcapng)\n"
@@ -18,10 +19,16 @@ void wireloom::cli::printUsage(std::FILE* to) {
         "          --format oneline  one line per frame: number, time, each layer\n"
         "          --format none     decode everything, print only a summary\n"
         "          --color           colours in tree output: auto (on a terminal), always, never\n"
+        "          --flows           TCP and UDP conversations instead of frames, each shown\n"
+        "                            when it ends, in the same formats\n"
         "\n"
         "  capture live capture on IFACE (default: the first device libpcap lists) until\n"
-        "          Ctrl-C, COUNT frames or SECONDS; frames printed as with read (default\n"
-        "          oneline); -f a filter in libpcap's language; -w writes them as pcap\n"
+        "          Ctrl-C, COUNT frames or SECONDS; frames (or --flows) printed as with read\n"
+        "          (default oneline); -f a filter in libpcap's language; -w writes them as pcap\n"
+        "\n"
+        "  follow  the reassembled bytes of the TCP flow KEY (as read --flows names it:\n"
+        "          ADDRESS:PORT-ADDRESS:PORT), both directions in order with a header line\n"
+        "          per chunk; --direction 0 or 1 writes only what that endpoint sent, raw\n"
         "\n"
         "  devices every capture device with its type and addresses\n",
         to);
@@ -38,6 +45,7 @@ int main(int argc, char** argv) {
     if (command == "read") return readCommand(args, stdout, stderr);
     if (command == "capture") return captureCommand(args, stdout, stderr);
     if (command == "devices") return devicesCommand(args, stdout, stderr);
+    if (command == "follow") return followCommand(args, stdout, stderr);
     if (command == "--help" || command == "-h" || command == "help") {
         printUsage(stdout);
         return 0;

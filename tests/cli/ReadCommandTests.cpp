@@ -2,6 +2,7 @@
 // output for the bundled samples compared with committed expected files
 // (tests/data/update-expected.sh writes them again after a deliberate change).
 #include "support/FrameBuilder.hpp"
+#include "support/TcpConversation.hpp"
 #include "support/Paths.hpp"
 
 #include <gtest/gtest.h>
@@ -128,4 +129,57 @@ TEST_F(ReadCommand, ColoursOnlyWhereAsked) {
     EXPECT_EQ(run("read " + capture + " --color never").out.find('\x1b'), std::string::npos);
     EXPECT_EQ(run("read " + capture + " --color auto").out.find('\x1b'), std::string::npos);  // a pipe
     EXPECT_EQ(run("read " + capture + " --color sometimes").status, 2);
+}
+
+TEST_F(ReadCommand, FlowsOfTheDemoMatchTheirExpectedOutput) {
+    const std::string capture = (sourceDir() / "samples" / "demo.pcap").string();
+    for (const char* format : {"tree", "json"}) {
+        CommandResult r = run("read " + capture + " --flows --format " + format);
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(r.out, slurp(sourceDir() / "tests" / "data" / (std::string("demo-flows-") + format + ".txt")))
+            << format;
+    }
+    CommandResult r = run("read " + capture + " --flows --format none");
+    EXPECT_EQ(r.out,
+              "TCP flows: 4\nUDP flows: 7\nTCP bytes reassembled, client to server: 558\n"
+              "TCP bytes reassembled, server to client: 11743\nUDP payload bytes: 564\n");
+}
+
+TEST_F(ReadCommand, FollowWritesOneFlowOrNamesTheFlowsThereAre) {
+    const std::string capture = (sourceDir() / "samples" / "demo.pcap").string();
+    const std::string key = "192.168.1.10:51522-203.0.113.80:80";
+    CommandResult both = run("follow " + capture + " " + key);
+    ASSERT_EQ(both.status, 0) << both.err;
+    EXPECT_EQ(both.out.rfind("==> 192.168.1.10:51522 -> 203.0.113.80:80 (endpoint 0), 207 bytes at 1767225601.", 0), 0u)
+        << both.out;
+    EXPECT_NE(both.out.find("\n==> 203.0.113.80:80 -> 192.168.1.10:51522 (endpoint 1), 223 bytes at "),
+              std::string::npos);
+    const std::string request = run("follow " + capture + " " + key + " --direction 0").out;
+    const std::string response = run("follow " + capture + " " + key + " --direction 1").out;
+    EXPECT_EQ(request.size(), 207u);
+    EXPECT_EQ(request.rfind("POST /api/notes HTTP/1.1\r\n", 0), 0u);
+    EXPECT_EQ(response.size(), 223u);
+    EXPECT_NE(both.out.find(request), std::string::npos);
+
+    CommandResult missing = run("follow " + capture + " 10.0.0.1:1-10.0.0.2:2");
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_TRUE(missing.out.empty());
+    EXPECT_NE(missing.err.find("its flows: 192.168.1.10:51514-203.0.113.80:80, "), std::string::npos) << missing.err;
+
+    for (const char* arguments : {"follow", "follow x.pcap", "follow x.pcap k --direction 2", "follow x.pcap k -v"})
+        EXPECT_EQ(run(arguments).status, 2) << arguments;
+}
+
+TEST_F(ReadCommand, FollowingAFlowThatCarriedNoDataPrintsNothing) {
+    const fs::path path = fs::path(::testing::TempDir()) / ("empty-flow-" + std::to_string(getpid()) + ".pcap");
+    TcpConversation conversation(1, {kMacA, "10.0.0.9", 5000}, {kMacB, "10.0.0.10", 80}, 100, 900);
+    std::vector<Frame> frames;
+    double clock = 1767225600;
+    conversation.open(frames, clock);
+    conversation.close(frames, clock);
+    ASSERT_TRUE(writePcap(path.string(), 1, frames));
+    CommandResult r = run("follow " + path.string() + " 10.0.0.10:80-10.0.0.9:5000 --direction 0");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(r.out.empty());
+    EXPECT_TRUE(r.err.empty());
 }

@@ -10,3 +10,6 @@ for sample in demo demo-loopback; do
       > tests/data/$sample-$format.txt
   done
 done
+for format in tree json; do
+  "$build"/cli/wireloom read samples/demo.pcap --flows --format $format > tests/data/demo-flows-$format.txt
+done
