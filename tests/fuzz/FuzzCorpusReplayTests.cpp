@@ -14,6 +14,7 @@
 int wireloomFuzz_packet_decode(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_tcp_buffer(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_helper_request(const std::uint8_t* data, std::size_t size);
+int wireloomFuzz_flow_table(const std::uint8_t* data, std::size_t size);
 
 namespace {
 
@@ -49,4 +50,9 @@ TEST(FuzzCorpus, TcpBufferInputsReplayCleanly) {
 TEST(FuzzCorpus, HelperRequestInputsReplayCleanly) {
     EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "helper_request", wireloomFuzz_helper_request), 0u);
     replayAll(fuzzDirectory() / "regressions" / "helper_request", wireloomFuzz_helper_request);
+}
+
+TEST(FuzzCorpus, FlowTableInputsReplayCleanly) {
+    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "flow_table", wireloomFuzz_flow_table), 0u);
+    replayAll(fuzzDirectory() / "regressions" / "flow_table", wireloomFuzz_flow_table);
 }
