@@ -44,3 +44,8 @@
 #include <Wireloom/flows/PXTCPFlowTable.hpp>
 #include <Wireloom/flows/PXUDPFlow.hpp>
 #include <Wireloom/flows/PXUDPFlowTable.hpp>
+#include <Wireloom/protocols/PXHTTPBPlistContainer.hpp>
+#include <Wireloom/protocols/PXHTTPParser.hpp>
+#include <Wireloom/protocols/PXHTTPRequest.hpp>
+#include <Wireloom/protocols/PXHTTPResponse.hpp>
+#include <Wireloom/protocols/PXHTTPStreamAnalyzer.hpp>

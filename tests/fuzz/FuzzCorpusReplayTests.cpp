@@ -15,6 +15,7 @@ int wireloomFuzz_packet_decode(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_tcp_buffer(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_helper_request(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_flow_table(const std::uint8_t* data, std::size_t size);
+int wireloomFuzz_http_analyzer(const std::uint8_t* data, std::size_t size);
 
 namespace {
 
@@ -55,4 +56,9 @@ TEST(FuzzCorpus, HelperRequestInputsReplayCleanly) {
 TEST(FuzzCorpus, FlowTableInputsReplayCleanly) {
     EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "flow_table", wireloomFuzz_flow_table), 0u);
     replayAll(fuzzDirectory() / "regressions" / "flow_table", wireloomFuzz_flow_table);
+}
+
+TEST(FuzzCorpus, HttpAnalyzerInputsReplayCleanly) {
+    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "http_analyzer", wireloomFuzz_http_analyzer), 0u);
+    replayAll(fuzzDirectory() / "regressions" / "http_analyzer", wireloomFuzz_http_analyzer);
 }

@@ -1,0 +1,270 @@
+#include <Wireloom/core/Log.hpp>
+#include <Wireloom/protocols/PXHTTPParser.hpp>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+namespace wireloom {
+
+namespace {
+
+// The length of the valid UTF-8 sequence at `p` (at most `n` bytes) and its
+// code point, or 0 when the bytes there are not one.
+std::size_t decodeUTF8(const std::uint8_t* p, std::size_t n, char32_t* codePoint) {
+    const std::uint8_t lead = p[0];
+    if (lead < 0x80) {
+        *codePoint = lead;
+        return 1;
+    }
+    std::size_t length;
+    char32_t value, minimum;
+    if ((lead & 0xE0) == 0xC0) {
+        length = 2, value = lead & 0x1F, minimum = 0x80;
+    } else if ((lead & 0xF0) == 0xE0) {
+        length = 3, value = lead & 0x0F, minimum = 0x800;
+    } else if ((lead & 0xF8) == 0xF0) {
+        length = 4, value = lead & 0x07, minimum = 0x10000;
+    } else {
+        return 0;
+    }
+    if (length > n) return 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((p[i] & 0xC0) != 0x80) return 0;
+        value = (value << 6) | (p[i] & 0x3F);
+    }
+    if (value < minimum || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) return 0;
+    *codePoint = value;
+    return length;
+}
+
+// Whether the bytes are UTF-8, and how many UTF-16 units their text has:
+// the platform's string length, which the start line is counted in.
+bool validUTF8(const std::uint8_t* p, std::size_t n, std::size_t* utf16Units) {
+    std::size_t units = 0;
+    for (std::size_t i = 0; i < n;) {
+        if (p[i] < 0x80) {
+            ++i, ++units;
+            continue;
+        }
+        char32_t codePoint;
+        const std::size_t length = decodeUTF8(p + i, n - i, &codePoint);
+        if (length == 0) return false;
+        i += length;
+        units += codePoint >= 0x10000 ? 2 : 1;
+    }
+    if (utf16Units) *utf16Units = units;
+    return true;
+}
+
+bool isLineEnd(char32_t c) { return (c >= 0x0A && c <= 0x0D) || c == 0x85 || c == 0x2028 || c == 0x2029; }
+
+bool isWhiteSpaceOrLineEnd(char32_t c) {
+    return c == ' ' || c == '\t' || isLineEnd(c) || c == 0xA0 || c == 0x1680 || (c >= 0x2000 && c <= 0x200A) ||
+           c == 0x202F || c == 0x205F || c == 0x3000;
+}
+
+// The text without the leading and trailing code points `drop` accepts.
+template <class Drop>
+std::string_view trimmed(std::string_view text, Drop drop) {
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+    std::size_t begin = 0, end = text.size();
+    char32_t c;
+    while (begin < end) {
+        const std::size_t length = decodeUTF8(bytes + begin, end - begin, &c);
+        if (length == 0 || !drop(c)) break;
+        begin += length;
+    }
+    while (end > begin) {
+        std::size_t start = end - 1;
+        while (start > begin && (bytes[start] & 0xC0) == 0x80) --start;
+        if (decodeUTF8(bytes + start, end - start, &c) != end - start || !drop(c)) break;
+        end = start;
+    }
+    return text.substr(begin, end - begin);
+}
+
+std::vector<std::string_view> split(std::string_view text, std::string_view separator) {
+    std::vector<std::string_view> parts;
+    for (std::size_t start = 0;;) {
+        const std::size_t found = text.find(separator, start);
+        if (found == std::string_view::npos) {
+            parts.push_back(text.substr(start));
+            return parts;
+        }
+        parts.push_back(text.substr(start, found - start));
+        start = found + separator.size();
+    }
+}
+
+std::string joined(const std::vector<std::string_view>& parts, std::size_t from, std::string_view separator) {
+    std::string text;
+    for (std::size_t i = from; i < parts.size(); ++i) {
+        if (i > from) text += separator;
+        text += parts[i];
+    }
+    return text;
+}
+
+// The platform's reading of a number as a 32-bit int: white space, a sign,
+// the digits up to the first other character, clamped; 0 without digits.
+std::int64_t int32Value(std::string_view text) {
+    std::size_t i = 0;
+    while (i < text.size() && (text[i] == ' ' || text[i] == '\t' || text[i] == '\n' || text[i] == '\r')) ++i;
+    bool negative = false;
+    if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
+    std::int64_t value = 0;
+    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
+        value = value * 10 + (text[i] - '0');
+        if (value > std::int64_t{INT_MAX} + 1) value = std::int64_t{INT_MAX} + 1;
+    }
+    value = negative ? -value : value;
+    return std::clamp<std::int64_t>(value, INT_MIN, INT_MAX);
+}
+
+void removeFront(MutableByteBuffer& buffer, std::size_t count) {
+    const std::size_t rest = buffer.size() - count;
+    if (rest) std::memmove(buffer.data(), buffer.data() + count, rest);
+    buffer.resize(rest);
+}
+
+}  // namespace
+
+const std::string* HTTPHeaderFields::find(std::string_view name) const noexcept {
+    for (const Field& field : fields_)
+        if (field.first == name) return &field.second;
+    return nullptr;
+}
+
+void HTTPHeaderFields::set(std::string name, std::string value) {
+    for (Field& field : fields_) {
+        if (field.first == name) {
+            field.second = std::move(value);
+            return;
+        }
+    }
+    fields_.emplace_back(std::move(name), std::move(value));
+}
+
+std::optional<std::string> PXHTTPParser::nextLineFromBytes(const std::uint8_t* bytes, std::size_t length) {
+    const void* lineFeed = length ? std::memchr(bytes, '\n', length) : nullptr;
+    if (!lineFeed) return std::nullopt;
+    const std::size_t lineLength = static_cast<std::size_t>(static_cast<const std::uint8_t*>(lineFeed) - bytes) + 1;
+    if (!validUTF8(bytes, lineLength, nullptr)) return std::nullopt;
+    return std::string(reinterpret_cast<const char*>(bytes), lineLength);
+}
+
+std::optional<HTTPHeaderFields> PXHTTPParser::parseHTTPFrameFrom(MutableByteBuffer& buffer,
+                                                                 std::optional<ByteBuffer>* payload,
+                                                                 std::vector<std::string>* initialLine) {
+    std::optional<std::string> line = nextLineFromBytes(buffer.data(), buffer.size());
+    if (!line) return std::nullopt;
+    // Counted in characters, as the platform's strings count them; header
+    // lines below are counted in bytes. The two agree for the ASCII start
+    // lines of real traffic.
+    std::size_t consumed = 0;
+    validUTF8(reinterpret_cast<const std::uint8_t*>(line->data()), line->size(), &consumed);
+    const std::vector<std::string_view> words = split(trimmed(*line, isWhiteSpaceOrLineEnd), " ");
+    if (words.size() < 3) {
+        Log::error("Invalid components... %s", line->c_str());
+        buffer.clear();
+        return std::nullopt;
+    }
+    std::vector<std::string> components = {std::string(words[0]), std::string(words[1]), joined(words, 2, " ")};
+
+    HTTPHeaderFields header;
+    for (;;) {
+        if (consumed > buffer.size()) return std::nullopt;
+        std::optional<std::string> headerLine = nextLineFromBytes(buffer.data() + consumed, buffer.size() - consumed);
+        if (!headerLine) return std::nullopt;
+        consumed += headerLine->size();
+        const std::string_view field = trimmed(*headerLine, isLineEnd);
+        if (field.empty()) break;
+        const std::vector<std::string_view> parts = split(field, ": ");
+        if (parts.size() < 2) {
+            buffer.clear();
+            return std::nullopt;
+        }
+        header.set(std::string(parts[0]), joined(parts, 1, ": "));
+    }
+
+    std::optional<ByteBuffer> body;
+    if (const std::string* length = header.find("Content-Length")) {
+        // A negative length is never satisfied: the message stays incomplete.
+        const std::int64_t bodyLength = int32Value(*length);
+        if (bodyLength < 0 || static_cast<std::uint64_t>(bodyLength) > buffer.size() - consumed) return std::nullopt;
+        body = ByteBuffer::copy(buffer.data() + consumed, static_cast<std::size_t>(bodyLength));
+        consumed += static_cast<std::size_t>(bodyLength);
+    }
+    removeFront(buffer, consumed);
+    if (payload) *payload = std::move(body);
+    if (initialLine) *initialLine = std::move(components);
+    return header;
+}
+
+std::optional<std::vector<HTTPHeaderFields::Field>> PXHTTPParser::parseHTTPHeader(const ByteBuffer& header) {
+    const auto* text = reinterpret_cast<const char*>(header.data());
+    if (std::any_of(header.begin(), header.end(), [](std::uint8_t byte) { return byte > 0x7F; })) return std::nullopt;
+    std::vector<HTTPHeaderFields::Field> fields;
+    const char* at = text;
+    const char* nameStart = nullptr;
+    const char* valueStart = nullptr;
+    std::size_t nameLength = 0, valueLength = 0;
+    while (HTTPGetHeaderField(at, header.size() - static_cast<std::size_t>(at - text), nullptr, &nameStart,
+                              &nameLength, &valueStart, &valueLength, &at))
+        fields.emplace_back(std::string(nameStart, nameLength), std::string(valueStart, valueLength));
+    return fields;
+}
+
+int HTTPGetHeaderField(const char* text, std::size_t length, const char* name, const char** nameStart,
+                       std::size_t* nameLength, const char** valueStart, std::size_t* valueLength, const char** next) {
+    if (length == SIZE_MAX) length = std::strlen(text);
+    const char* const end = text + length;
+    const std::size_t wanted = name ? std::strlen(name) : 0;
+    // The end of the line starting at `p`, and where the line after it starts.
+    const auto lineAt = [end](const char* p, const char** lineEnd, const char** after) {
+        const char* e = p;
+        while (e < end && *e != '\r' && *e != '\n') ++e;
+        if (e == end) return false;
+        *lineEnd = e;
+        if (e < end && *e == '\r') ++e;
+        if (e < end && *e == '\n') ++e;
+        *after = e;
+        return true;
+    };
+    for (const char* line = text;;) {
+        const char* lineEnd;
+        const char* after;
+        if (!lineAt(line, &lineEnd, &after)) return 0;
+        const std::size_t size = static_cast<std::size_t>(lineEnd - line);
+        const char* colon = nullptr;
+        if (name) {
+            if (size > wanted && line[wanted] == ':' && std::memcmp(line, name, wanted) == 0) colon = line + wanted;
+        } else {
+            colon = static_cast<const char*>(std::memchr(line, ':', size));
+        }
+        if (!colon) {
+            line = after;
+            continue;
+        }
+        const char* value = colon + 1;
+        while (value < lineEnd && (*value == ' ' || *value == '\t')) ++value;
+        const char* valueEnd = lineEnd;
+        // Continuation lines belong to the value, line breaks and all.
+        while (after < end && (*after == ' ' || *after == '\t')) {
+            const char* continuationEnd;
+            const char* continuationAfter;
+            if (!lineAt(after, &continuationEnd, &continuationAfter)) break;
+            valueEnd = continuationEnd;
+            after = continuationAfter;
+        }
+        if (nameStart) *nameStart = line;
+        if (nameLength) *nameLength = static_cast<std::size_t>(colon - line);
+        if (valueStart) *valueStart = value;
+        if (valueLength) *valueLength = static_cast<std::size_t>(std::max(valueEnd, value) - value);
+        if (next) *next = after;
+        return 1;
+    }
+}
+
+}  // namespace wireloom

@@ -1,0 +1,120 @@
+// The HTTP parser's failure table, the message framing cases real traffic
+// brings (pipelining, empty and missing bodies, bare LF), and the header
+// field scanner.
+#include <Wireloom/Wireloom.hpp>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+using namespace wireloom;
+
+namespace {
+
+MutableByteBuffer bufferOf(std::string_view text) {
+    MutableByteBuffer buffer;
+    buffer.append(text);
+    return buffer;
+}
+
+std::string textOf(const MutableByteBuffer& buffer) {
+    return std::string(reinterpret_cast<const char*>(buffer.data()), buffer.size());
+}
+
+struct Parsed {
+    std::optional<HTTPHeaderFields> header;
+    std::optional<ByteBuffer> body;
+    std::vector<std::string> startLine;
+};
+
+Parsed parse(MutableByteBuffer& buffer) {
+    Parsed parsed;
+    parsed.header = PXHTTPParser::parseHTTPFrameFrom(buffer, &parsed.body, &parsed.startLine);
+    return parsed;
+}
+
+}  // namespace
+
+TEST(PXHTTPParser, FailureTableKeepsOrEmptiesTheBufferRowByRow) {
+    std::vector<std::string> logged;
+    Log::setSink([&](Log::Level, const std::string& text) { logged.push_back(text); });
+    struct Row {
+        const char* input;
+        bool emptied;
+    } rows[] = {
+        {"GET / HTTP/1.1", false},                                     // no complete start line
+        {"GET /\r\nHost: a\r\n\r\n", true},                            // two words
+        {"GET / HTTP/1.1\r\nHost: a\r\n", false},                      // header block not complete
+        {"GET / HTTP/1.1\r\nHost:example\r\n\r\n", true},              // no ": "
+        {"POST / HTTP/1.1\r\nContent-Length: 10\r\n\r\nshort", false}, // body short
+        {"POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\nbody", false},  // never satisfied
+        {"\xff\xfe / HTTP/1.1\r\n\r\n", false},                        // not UTF-8: no line
+    };
+    for (const Row& row : rows) {
+        MutableByteBuffer buffer = bufferOf(row.input);
+        EXPECT_FALSE(parse(buffer).header) << row.input;
+        EXPECT_EQ(textOf(buffer), row.emptied ? "" : row.input) << row.input;
+    }
+    Log::setSink({});
+    ASSERT_EQ(logged.size(), 1u);
+    EXPECT_EQ(logged[0], "Invalid components... GET /\r\n");
+}
+
+TEST(PXHTTPParser, CutsPipelinedMessagesAndTheirBodies) {
+    MutableByteBuffer buffer = bufferOf(
+        "HTTP/1.1 404 Not Found\r\nContent-Length: 3\r\nX: a: b\r\nX-Empty: \r\n\r\nabc"
+        "HTTP/1.1 204 No Content\nContent-Length: 0\n\n"
+        "HTTP/1.1 304 Not Modified\r\ncontent-length: 4\r\n\r\nbody");
+    Parsed first = parse(buffer);
+    ASSERT_TRUE(first.header);
+    EXPECT_EQ(first.startLine, (std::vector<std::string>{"HTTP/1.1", "404", "Not Found"}));
+    EXPECT_EQ(*first.header->find("X"), "a: b");
+    EXPECT_EQ(*first.header->find("X-Empty"), "");
+    EXPECT_EQ(first.body->stringView(), "abc");
+    EXPECT_EQ(textOf(buffer).rfind("HTTP/1.1 204", 0), 0u);
+
+    Parsed second = parse(buffer);  // bare LF line ends
+    ASSERT_TRUE(second.header && second.body);
+    EXPECT_TRUE(second.body->empty());
+
+    // A lower-case length is not the length: no body, and its bytes become
+    // the next start line (one word: discarded).
+    Parsed third = parse(buffer);
+    ASSERT_TRUE(third.header);
+    EXPECT_FALSE(third.body);
+    EXPECT_EQ(textOf(buffer), "body");
+    EXPECT_FALSE(parse(buffer).header);
+}
+
+TEST(PXHTTPParser, CountsTheStartLineInCharactersAndHeaderLinesInBytes) {
+    // "é" is one character but two bytes: the header scan starts one byte
+    // early, inside the start line's line end, and reads an empty line there.
+    MutableByteBuffer buffer = bufferOf("GET /caf\xc3\xa9 HTTP/1.1\n\nHost: a\r\n\r\n");
+    Parsed parsed = parse(buffer);
+    ASSERT_TRUE(parsed.header);
+    EXPECT_TRUE(parsed.header->empty());
+    EXPECT_EQ(parsed.startLine[1], "/caf\xc3\xa9");
+    EXPECT_EQ(textOf(buffer), "\nHost: a\r\n\r\n");
+}
+
+TEST(PXHTTPParser, HeaderFieldScannerFoldsContinuationsAndMatchesNamesExactly) {
+    const std::string block = "Host: example.com\r\nX-Long: one\r\n  two\r\n\tthree\r\nhost: lower\r\n\r\nAfter: blank\r\nLast: open";
+    const char* valueStart = nullptr;
+    std::size_t valueLength = 0;
+    ASSERT_EQ(HTTPGetHeaderField(block.c_str(), SIZE_MAX, "X-Long", nullptr, nullptr, &valueStart, &valueLength, nullptr), 1);
+    EXPECT_EQ(std::string(valueStart, valueLength), "one\r\n  two\r\n\tthree");
+    ASSERT_EQ(HTTPGetHeaderField(block.c_str(), block.size(), "host", nullptr, nullptr, &valueStart, &valueLength, nullptr), 1);
+    EXPECT_EQ(std::string(valueStart, valueLength), "lower");
+    // The blank line does not stop the scan; an unterminated last line is no field.
+    EXPECT_EQ(HTTPGetHeaderField(block.c_str(), block.size(), "After", nullptr, nullptr, nullptr, nullptr, nullptr), 1);
+    EXPECT_EQ(HTTPGetHeaderField(block.c_str(), block.size(), "Last", nullptr, nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(HTTPGetHeaderField(block.c_str(), block.size(), "Hos", nullptr, nullptr, nullptr, nullptr, nullptr), 0);
+
+    auto fields = PXHTTPParser::parseHTTPHeader(ByteBuffer::fromString(block));
+    ASSERT_TRUE(fields);
+    ASSERT_EQ(fields->size(), 4u);
+    EXPECT_EQ((*fields)[2], (HTTPHeaderFields::Field{"host", "lower"}));
+    EXPECT_EQ((*fields)[3], (HTTPHeaderFields::Field{"After", "blank"}));
+    EXPECT_FALSE(PXHTTPParser::parseHTTPHeader(ByteBuffer::fromString("X: caf\xc3\xa9\r\n")));
+}

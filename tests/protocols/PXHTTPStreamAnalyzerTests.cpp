@@ -1,0 +1,123 @@
+// The stream analyser fed stream chunks as a flow posts them: when records
+// come out, how responses pair with request contexts through the one slot,
+// and the property-list container's error lines.
+#include <Wireloom/Wireloom.hpp>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+using namespace wireloom;
+
+namespace {
+
+class RecordingDelegate : public PXHTTPStreamAnalyzerDelegate {
+public:
+    Value httpStreamAnalyzer(PXHTTPStreamAnalyzer&, const std::optional<ByteBuffer>& data, const std::string* type,
+                             std::string* error, const std::shared_ptr<Object>&) override {
+        ++parses;
+        if (type && *type == "broken") *error = "cannot read";
+        return data ? Value(std::string(data->stringView())) : Value();
+    }
+    Value httpStreamAnalyzer(PXHTTPStreamAnalyzer&, const PXHTTPRequest::Ptr& request) override {
+        requests.push_back(request);
+        return Value(request->resource());
+    }
+    void httpStreamAnalyzer(PXHTTPStreamAnalyzer&, const PXHTTPResponse::Ptr& response, const Value& context) override {
+        responses.push_back(response);
+        contexts.push_back(context.string() ? *context.string() : "(none)");
+    }
+    int parses = 0;
+    std::vector<PXHTTPRequest::Ptr> requests;
+    std::vector<PXHTTPResponse::Ptr> responses;
+    std::vector<std::string> contexts;
+};
+
+class PXHTTPStreamAnalyzerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        flow = PXTCPFlow::initWithEndpoint("10.0.0.10:80", "10.0.0.9:5000", nullptr);
+        flow->setEndpoint0Address("10.0.0.10");
+        flow->setEndpoint0Port(80);
+        flow->setEndpoint1Address("10.0.0.9");
+        flow->setEndpoint1Port(5000);
+        delegate = std::make_shared<RecordingDelegate>();
+        // The client is the endpoint that sorts second here.
+        analyzer = PXHTTPStreamAnalyzer::initWithTCPFlow(flow, delegate, false);
+    }
+    void TearDown() override { analyzer->invalidate(); }
+
+    void send(bool fromClient, std::string_view bytes) {
+        NotificationCenter::defaultCenter().postNotification(
+            kPXTCPFlowStreamChunkNotificationName, flow,
+            {{"chunk", ByteBuffer::fromString(bytes)}, {"identifier", fromClient ? flow->endpoint1() : flow->endpoint0()}});
+    }
+
+    PXTCPFlow::Ptr flow;
+    std::shared_ptr<RecordingDelegate> delegate;
+    PXHTTPStreamAnalyzer::Ptr analyzer;
+};
+
+}  // namespace
+
+TEST_F(PXHTTPStreamAnalyzerTest, RequestSplitOverThreeChunksComesOutOnceWhole) {
+    send(true, "POST /notes HT");
+    send(true, "TP/1.1\r\nContent-Length: 5\r\nContent-Type: text/plain\r\n\r\nhel");
+    EXPECT_TRUE(delegate->requests.empty());
+    send(true, "lo");
+    ASSERT_EQ(delegate->requests.size(), 1u);
+    const PXHTTPRequest& request = *delegate->requests[0];
+    EXPECT_EQ(request.method(), "POST");
+    EXPECT_EQ(request.resource(), "/notes");
+    EXPECT_EQ(request.protocol(), "HTTP");
+    EXPECT_EQ(request.version(), "1.1");
+    EXPECT_EQ(request.content()->stringView(), "hello");
+    EXPECT_EQ(*request.parsedContent().string(), "hello");
+    EXPECT_FALSE(request.senderIsZero());
+    EXPECT_EQ(request.senderAddress(), "10.0.0.9");
+    EXPECT_EQ(request.recipientPort(), 80);
+    EXPECT_EQ(analyzer->pendingRequestContext().string() ? *analyzer->pendingRequestContext().string() : "", "/notes");
+}
+
+TEST_F(PXHTTPStreamAnalyzerTest, PipelinedRequestsLeaveTheSecondResponseWithoutContext) {
+    send(true, "GET /a HTTP/1.1\r\n\r\nGET /b HTTP\r\n\r\n");
+    ASSERT_EQ(delegate->requests.size(), 2u);
+    EXPECT_EQ(delegate->requests[1]->protocol(), "unknown");
+    EXPECT_EQ(delegate->requests[1]->version(), "unknown");
+    send(false, "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nAHTTP/1.1 304 Not Modified\r\n\r\n");
+    ASSERT_EQ(delegate->responses.size(), 2u);
+    EXPECT_EQ(delegate->contexts, (std::vector<std::string>{"/b", "(none)"}));
+    // The 304 comes out at once, with no body, and is flagged unparsed.
+    const PXHTTPResponse& notModified = *delegate->responses[1];
+    EXPECT_EQ(notModified.statusCode(), 304);
+    EXPECT_FALSE(notModified.content());
+    EXPECT_EQ(notModified.errorDescription(), "Response is not 200 OK");
+    EXPECT_TRUE(notModified.parsedContent().isNull());
+}
+
+TEST_F(PXHTTPStreamAnalyzerTest, OnlyExactly200OKHasItsBodyParsed) {
+    send(false, "HTTP/1.1 200 Ok\r\nContent-Length: 2\r\n\r\nhi");
+    send(false, "HTTP/1.1 200 OK\r\nContent-Type: broken\r\nContent-Length: 2\r\n\r\nhi");
+    ASSERT_EQ(delegate->responses.size(), 2u);
+    EXPECT_EQ(delegate->responses[0]->errorDescription(), "Response is not 200 OK");
+    EXPECT_EQ(delegate->responses[0]->content()->stringView(), "hi");  // kept, not parsed
+    EXPECT_EQ(delegate->responses[1]->errorDescription(), "cannot read");
+    EXPECT_EQ(delegate->parses, 1);
+}
+
+TEST(PXHTTPBPlistContainer, ShowsOneErrorLinePerUnknownKeyInKeyOrder) {
+    PXHTTPBPlistContainer container;
+    EXPECT_FALSE(container.keyErrorDescriptions());
+    container.addErrorDescriptionForUnknownKey("unexpected", "b");
+    container.addErrorDescriptionForUnknownKey("first", "a");
+    container.addErrorDescriptionForUnknownKey("replaced", "a");
+    container.addErrorDescription("bad", "z");
+    container.addErrorDescription("bad", "m");
+    EXPECT_EQ(container.keysWithErrors(), (std::vector<std::string>{"m", "z"}));
+    EXPECT_EQ(*container.errorDescriptionForKey("z"), "bad");
+    auto entry = container.reportAnalyzerEntryUsingDataSource(nullptr);
+    ASSERT_EQ(entry->numChildren(), 2u);
+    EXPECT_EQ((*entry->children())[0]->plainTitle(), "Key 'a' Error: replaced");
+    EXPECT_EQ((*entry->children())[1]->plainTitle(), "Key 'b' Error: unexpected");
+}
