@@ -1,8 +1,9 @@
-// wireloom capture [--flows] [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]
+// wireloom capture [--flows] [--http] [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]
 //                  [--format tree|oneline|json] [--color auto|always|never]
 // wireloom devices
 #include "Commands.hpp"
 #include "FlowReport.hpp"
+#include "HttpReport.hpp"
 #include "FramePrinter.hpp"
 
 #include <Wireloom/Wireloom.hpp>
@@ -28,6 +29,7 @@ struct CaptureOptions {
     Format format = Format::OneLine;
     ColorMode color = ColorMode::Auto;
     bool flows = false;
+    bool http = false;
 };
 
 std::optional<double> positiveNumber(const std::string& text) {
@@ -41,8 +43,8 @@ std::optional<CaptureOptions> parseCaptureOptions(const std::vector<std::string>
     CaptureOptions options;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        if (arg == "--flows") {
-            options.flows = true;
+        if (arg == "--flows" || arg == "--http") {
+            (arg == "--flows" ? options.flows : options.http) = true;
             continue;
         }
         const bool takesValue = arg == "-i" || arg == "-f" || arg == "-c" || arg == "--duration" || arg == "-w" ||
@@ -110,7 +112,13 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
     const bool color = colorFor(options->color, out);
     FramePrinter printer(out, options->format, color);
     FlowPrinter flowPrinter(out, options->format, color);
-    if (options->flows) flowPrinter.attach(capture);
+    const auto httpPrinter = std::make_shared<HttpPrinter>(out, options->format, color);
+    if (options->flows || options->http) {
+        const PXTCPFlowTable::Ptr tcpTable = PXTCPFlowTable::initWithCapture(capture);
+        if (options->flows) flowPrinter.attach(capture, tcpTable);
+        if (options->http) httpPrinter->attach(capture, tcpTable);
+    }
+    const bool framesShown = !options->flows && !options->http;
     std::uint64_t frames = 0;
     bool wroteHeader = false;
     NotificationCenter& center = NotificationCenter::defaultCenter();
@@ -120,7 +128,7 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
             const PXPacketPtr packet = notification.userInfo.at("packet").object<PXPacket>();
             if (!packet || (options->count && frames >= options->count)) return;
             ++frames;
-            if (!options->flows) printer.print(*packet);
+            if (framesShown) printer.print(*packet);
             if (!pcapFile) return;
             if (!wroteHeader) {
                 const ByteBuffer header = PXPacket::pcapHeaderForRepresentativePacket(*packet);
@@ -154,10 +162,9 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
     center.removeObserver(&printer);
-    if (options->flows)
-        flowPrinter.finish();
-    else
-        printer.finish();
+    if (options->flows) flowPrinter.finish();
+    if (options->http) httpPrinter->finish();
+    if (framesShown) printer.finish();
     if (pcapFile) std::fclose(pcapFile);
 
     const PXNetworkCapture::Statistics counters = capture->statistics();

@@ -85,9 +85,9 @@ FlowPrinter::FlowPrinter(std::FILE* out, Format format, bool color) : out_(out),
 
 FlowPrinter::~FlowPrinter() { NotificationCenter::defaultCenter().removeObserver(this); }
 
-void FlowPrinter::attach(const PXNetworkCapture::Ptr& capture) {
+void FlowPrinter::attach(const PXNetworkCapture::Ptr& capture, const PXTCPFlowTable::Ptr& tcpTable) {
     capture_ = capture;
-    tcpTable_ = PXTCPFlowTable::initWithCapture(capture);
+    tcpTable_ = tcpTable;
     udpTable_ = PXUDPFlowTable::initWithCapture(capture);
     NotificationCenter& center = NotificationCenter::defaultCenter();
     center.addObserver(

@@ -60,8 +60,9 @@ public:
     FlowPrinter(const FlowPrinter&) = delete;
     FlowPrinter& operator=(const FlowPrinter&) = delete;
 
-    // Follows the capture's flows from now on.
-    void attach(const PXNetworkCapture::Ptr& capture);
+    // Follows the capture's flows from now on: TCP through the table given,
+    // UDP through a table of its own.
+    void attach(const PXNetworkCapture::Ptr& capture, const PXTCPFlowTable::Ptr& tcpTable);
     // Ends the flows still open, prints them, and for Format::None the summary.
     void finish();
 

@@ -1,9 +1,10 @@
-// wireloom read FILE [--flows] [--format tree|json|oneline|none] [--color auto|always|never]
+// wireloom read FILE [--flows] [--http] [--format tree|json|oneline|none] [--color auto|always|never]
 //
 // The file goes through the same pipeline as a live capture: a capture
 // without a device announces each record, its clock set to the record's time.
 #include "Commands.hpp"
 #include "FlowReport.hpp"
+#include "HttpReport.hpp"
 #include "FramePrinter.hpp"
 
 #include <Wireloom/Wireloom.hpp>
@@ -22,6 +23,7 @@ struct ReadOptions {
     Format format = Format::Tree;
     ColorMode color = ColorMode::Auto;
     bool flows = false;
+    bool http = false;
 };
 
 std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args, std::FILE* err) {
@@ -34,6 +36,8 @@ std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args
                 return std::nullopt;
         } else if (arg == "--flows") {
             options.flows = true;
+        } else if (arg == "--http") {
+            options.http = true;
         } else if (arg.size() > 1 && arg[0] == '-') {
             std::fprintf(err, "wireloom: unknown option '%s'\n", arg.c_str());
             return std::nullopt;
@@ -96,8 +100,11 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
     FlowPrinter flowPrinter(out, options->format, color);
     const PXNetworkCapture::Ptr capture = PXNetworkCapture::captureWithNullDevice();
     NotificationCenter& center = NotificationCenter::defaultCenter();
-    if (options->flows) {
-        flowPrinter.attach(capture);
+    const auto httpPrinter = std::make_shared<HttpPrinter>(out, options->format, color);
+    if (options->flows || options->http) {
+        const PXTCPFlowTable::Ptr tcpTable = PXTCPFlowTable::initWithCapture(capture);
+        if (options->flows) flowPrinter.attach(capture, tcpTable);
+        if (options->http) httpPrinter->attach(capture, tcpTable);
     } else {
         center.addObserver(
             &printer, kPXNetworkCapturePacketNotificationName,
@@ -110,10 +117,9 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
     const bool complete =
         capture->replayCaptureFile(*file, &error, [&](std::uint64_t, std::uint64_t bytes) { progress.show(bytes); });
     center.removeObserver(&printer);
-    if (options->flows)
-        flowPrinter.finish();
-    else
-        printer.finish();
+    if (options->flows) flowPrinter.finish();
+    if (options->http) httpPrinter->finish();
+    if (!options->flows && !options->http) printer.finish();
     if (!complete) {
         std::fprintf(err, "wireloom: %s: %s\n", options->path.c_str(), error.c_str());
         return kExitFailure;

@@ -7,9 +7,9 @@ using namespace wireloom::cli;
 
 void wireloom::cli::printUsage(std::FILE* to) {
     std::fputs(
-        "usage: wireloom read FILE [--flows] [--format tree|json|oneline|none] [--color auto|always|never]\n"
+        "usage: wireloom read FILE [--flows] [--http] [--format tree|json|oneline|none] [--color auto|always|never]\n"
         "       wireloom capture [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]\n"
-        "                        [--flows] [--format tree|oneline|json|none] [--color auto|always|never]\n"
+        "                        [--flows] [--http] [--format tree|oneline|json|none] [--color auto|always|never]\n"
         "       wireloom follow FILE KEY [--direction 0|1]\n"
         "       wireloom devices\n"
         "\n"
@@ -21,6 +21,8 @@ void wireloom::cli::printUsage(std::FILE* to) {
         "          --color           colours in tree output: auto (on a terminal), always, never\n"
         "          --flows           TCP and UDP conversations instead of frames, each shown\n"
         "                            when it ends, in the same formats\n"
+        "          --http            HTTP exchanges (each request with its response) instead\n"
+        "                            of frames, bodies read as property lists, JSON or text\n"
         "\n"
         "  capture live capture on IFACE (default: the first device libpcap lists) until\n"
         "          Ctrl-C, COUNT frames or SECONDS; frames (or --flows) printed as with read\n"

@@ -131,14 +131,19 @@ TEST_F(ReadCommand, ColoursOnlyWhereAsked) {
     EXPECT_EQ(run("read " + capture + " --color sometimes").status, 2);
 }
 
-TEST_F(ReadCommand, FlowsOfTheDemoMatchTheirExpectedOutput) {
+TEST_F(ReadCommand, FlowsAndHttpOfTheDemoMatchTheirExpectedOutput) {
     const std::string capture = (sourceDir() / "samples" / "demo.pcap").string();
-    for (const char* format : {"tree", "json"}) {
-        CommandResult r = run("read " + capture + " --flows --format " + format);
-        ASSERT_EQ(r.status, 0) << r.err;
-        EXPECT_EQ(r.out, slurp(sourceDir() / "tests" / "data" / (std::string("demo-flows-") + format + ".txt")))
-            << format;
+    for (const char* view : {"flows", "http"}) {
+        for (const char* format : {"tree", "json"}) {
+            CommandResult r = run("read " + capture + " --" + view + " --format " + format);
+            ASSERT_EQ(r.status, 0) << r.err;
+            EXPECT_EQ(r.out, slurp(sourceDir() / "tests" / "data" /
+                                   ("demo-" + std::string(view) + "-" + format + ".txt")))
+                << view << " " << format;
+        }
     }
+    EXPECT_EQ(run("read " + capture + " --http --format none").out,
+              "HTTP requests: 5\nHTTP responses: 5\nHTTP errors: 1\n");
     CommandResult r = run("read " + capture + " --flows --format none");
     EXPECT_EQ(r.out,
               "TCP flows: 4\nUDP flows: 7\nTCP bytes reassembled, client to server: 558\n"

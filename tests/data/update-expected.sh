@@ -13,3 +13,6 @@ done
 for format in tree json; do
   "$build"/cli/wireloom read samples/demo.pcap --flows --format $format > tests/data/demo-flows-$format.txt
 done
+for format in tree json; do
+  "$build"/cli/wireloom read samples/demo.pcap --http --format $format > tests/data/demo-http-$format.txt
+done
