@@ -4,13 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <new>
-#include <random>
 
 // Every operator new of the process, the peers' included, comes through here
 // so that a pass can count its allocations. A plain increment is noise beside
@@ -36,31 +34,9 @@ namespace {
 
 using namespace wireloom::testing;
 
-// std::uniform_int_distribution differs between standard libraries; reducing
-// the engine's output by hand keeps the capture identical everywhere.
-class Random {
-public:
-    explicit Random(std::uint64_t seed) : engine_(seed) {}
-    std::uint64_t next() { return engine_(); }
-    std::uint32_t between(std::uint32_t low, std::uint32_t high) {
-        return low + static_cast<std::uint32_t>(engine_() % (std::uint64_t{high} - low + 1));
-    }
-    // Sizes of web objects spread over orders of magnitude.
-    std::uint32_t logBetween(std::uint32_t low, std::uint32_t high) {
-        double unit = static_cast<double>(engine_() >> 11) / 9007199254740992.0;
-        return static_cast<std::uint32_t>(low * std::pow(static_cast<double>(high) / low, unit));
-    }
-    bool chance(double p) { return static_cast<double>(engine_() >> 11) / 9007199254740992.0 < p; }
-
-private:
-    std::mt19937_64 engine_;
-};
-
 class TrafficGenerator {
 public:
-    explicit TrafficGenerator(std::uint64_t seed) : random_(seed), pool_(1 << 19) {
-        for (auto& byte : pool_) byte = static_cast<std::uint8_t>(random_.next());
-    }
+    explicit TrafficGenerator(std::uint64_t seed) : random_(seed), pool_(random_, 1 << 19) {}
 
     Traffic generate(std::uint64_t byteBudget) {
         Traffic traffic;
@@ -103,11 +79,7 @@ private:
         return static_cast<Kind>(lagging);
     }
 
-    Bytes payload(std::size_t size) {
-        std::size_t offset = random_.between(0, static_cast<std::uint32_t>(pool_.size() - size));
-        return Bytes(pool_.begin() + static_cast<std::ptrdiff_t>(offset),
-                     pool_.begin() + static_cast<std::ptrdiff_t>(offset + size));
-    }
+    Bytes payload(std::size_t size) { return pool_.take(size); }
 
     Mac hostMac() {
         Mac m = kMacA;
@@ -218,7 +190,7 @@ private:
     }
 
     Random random_;
-    Bytes pool_;
+    PayloadPool pool_;
     double clock_ = 1700000000.0;
 };
 

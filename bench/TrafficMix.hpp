@@ -15,8 +15,10 @@
 #include <pcap/pcap.h>
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -28,6 +30,44 @@
 namespace wireloom::bench {
 
 using testing::Frame;
+
+// std::uniform_int_distribution differs between standard libraries; reducing
+// the engine's output by hand keeps the capture identical everywhere.
+class Random {
+public:
+    explicit Random(std::uint64_t seed) : engine_(seed) {}
+    std::uint64_t next() { return engine_(); }
+    std::uint32_t between(std::uint32_t low, std::uint32_t high) {
+        return low + static_cast<std::uint32_t>(engine_() % (std::uint64_t{high} - low + 1));
+    }
+    // Sizes of web objects spread over orders of magnitude.
+    std::uint32_t logBetween(std::uint32_t low, std::uint32_t high) {
+        double unit = static_cast<double>(engine_() >> 11) / 9007199254740992.0;
+        return static_cast<std::uint32_t>(low * std::pow(static_cast<double>(high) / low, unit));
+    }
+    bool chance(double p) { return static_cast<double>(engine_() >> 11) / 9007199254740992.0 < p; }
+
+private:
+    std::mt19937_64 engine_;
+};
+
+// Payloads cut from one block of seeded random bytes, so that hundreds of
+// megabytes of frames cost no random number per byte.
+class PayloadPool {
+public:
+    PayloadPool(Random& random, std::size_t size) : random_(random), bytes_(size) {
+        for (auto& byte : bytes_) byte = static_cast<std::uint8_t>(random_.next());
+    }
+    // At most the pool's size.
+    testing::Bytes take(std::size_t size) {
+        const auto at = bytes_.begin() + random_.between(0, static_cast<std::uint32_t>(bytes_.size() - size));
+        return testing::Bytes(at, at + static_cast<std::ptrdiff_t>(size));
+    }
+
+private:
+    Random& random_;
+    testing::Bytes bytes_;
+};
 
 // Kinds of traffic and their share of the frames. Whole TCP conversations
 // come in bursts of frames, so the next one is always of the kind that lags

@@ -1,0 +1,574 @@
+// How fast a capture file becomes reassembled TCP streams, and what the flows
+// cost in memory. The capture is generated (seeded, so every run sees the same
+// bytes): web-like conversations interleaved with each other, with some data
+// segments swapped with a neighbour and some sent again later, a few of those
+// overlapping the next segment. The passes:
+//
+//   wireloom  the file through PXCaptureFile, a capture without a device and
+//             a PXTCPFlowTable, one observer counting the stream chunks
+//   libtins   the file through Tins::FileSniffer and a StreamFollower whose
+//             callbacks count the payload (libtins' own example does the same)
+//   idle      100,000 flows opened by a SYN each and left open: the heap and
+//             the resident memory they take, per flow
+//
+// Each pass runs in a process of its own (this program again, --child), so
+// its peak resident memory is its own and not the generator's: VmHWM, read
+// by the child. (ru_maxrss after fork and exec would not do: the kernel folds
+// the parent's high-water mark into the child's at exec.) Times are the
+// child's thread CPU time and wall time around the pass, medians of
+// --repetitions runs in an order that rotates. Both reassemblers must count
+// exactly the bytes the generator put in each direction. See BENCHMARKS.md.
+//
+//   flow_benchmark [--megabytes 200] [--repetitions 5] [--only NAME] [--idle-flows 100000]
+
+#include "TrafficMix.hpp"
+
+#include <Wireloom/capture/PXCaptureFile.hpp>
+#include <Wireloom/capture/PXNetworkCapture.hpp>
+#include <Wireloom/flows/PXTCPFlow.hpp>
+#include <Wireloom/flows/PXTCPFlowTable.hpp>
+
+#include <malloc.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <tins/tcp_ip/stream_follower.h>
+#include <tins/tins.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using namespace wireloom;
+using namespace wireloom::bench;
+using namespace wireloom::testing;
+
+// Clients use ports from here up, servers well-known ones below: how both
+// passes tell the client's direction from the server's.
+constexpr std::uint16_t kFirstClientPort = 49152;
+constexpr std::size_t kConcurrentConversations = 16;
+
+// --- The capture ------------------------------------------------------------
+
+struct WebCapture {
+    std::vector<Frame> frames;
+    std::uint64_t frameBytes = 0;
+    std::uint64_t sent[2] = {};  // stream bytes from clients, from servers
+    std::uint64_t conversations = 0, dataSegments = 0, swapped = 0, repeated = 0, overlapping = 0;
+};
+
+std::uint16_t be16(const Bytes& b, std::size_t at) { return static_cast<std::uint16_t>(b[at] << 8 | b[at + 1]); }
+std::uint32_t be32(const Bytes& b, std::size_t at) {
+    return std::uint32_t{be16(b, at)} << 16 | be16(b, at + 2);
+}
+
+// Where a generated frame's TCP header and payload are (Ethernet, IPv4 or
+// IPv6 without extensions, TCP).
+struct Segment {
+    std::size_t tcp = 0, payload = 0, length = 0;
+    std::uint32_t seq = 0;
+    bool fromClient = false;
+    bool fin = false;
+};
+
+Segment segmentOf(const Bytes& frame) {
+    Segment s;
+    const bool v6 = be16(frame, 12) == kEtherTypeIPv6;
+    s.tcp = 14 + (v6 ? 40 : (frame[14] & 15) * 4);
+    s.payload = s.tcp + (frame[s.tcp + 12] >> 4) * 4;
+    s.length = frame.size() - s.payload;
+    s.seq = be32(frame, s.tcp + 4);
+    s.fromClient = be16(frame, s.tcp) >= kFirstClientPort;
+    s.fin = frame[s.tcp + 13] & kTcpFin;
+    return s;
+}
+
+// The frame again with another sequence number and payload: a sender's
+// retransmission, headers and options as before.
+Bytes resent(const Bytes& frame, const Segment& s, std::uint32_t seq, Bytes payload) {
+    const bool v6 = be16(frame, 12) == kEtherTypeIPv6;
+    TcpFields fields;
+    fields.sourcePort = be16(frame, s.tcp);
+    fields.destPort = be16(frame, s.tcp + 2);
+    fields.seq = seq;
+    fields.ack = be32(frame, s.tcp + 8);
+    fields.flags = frame[s.tcp + 13];
+    fields.window = be16(frame, s.tcp + 14);
+    fields.options.assign(frame.begin() + static_cast<std::ptrdiff_t>(s.tcp + 20),
+                          frame.begin() + static_cast<std::ptrdiff_t>(s.payload));
+    fields.payload = std::move(payload);
+    const Bytes segment = tcp(fields);
+    Bytes packet;
+    if (v6) {
+        IPv6Address source, dest;
+        std::copy_n(frame.begin() + 22, 16, source.begin());
+        std::copy_n(frame.begin() + 38, 16, dest.begin());
+        packet = ipv6(source, dest, kProtoTCP, segment, std::nullopt, frame[21]);
+    } else {
+        IPv4Address source, dest;
+        std::copy_n(frame.begin() + 26, 4, source.begin());
+        std::copy_n(frame.begin() + 30, 4, dest.begin());
+        packet = ipv4(source, dest, kProtoTCP, segment, {.ttl = frame[22], .identification = be16(frame, 18)});
+    }
+    Mac to, from;
+    std::copy_n(frame.begin(), 6, to.begin());
+    std::copy_n(frame.begin() + 6, 6, from.begin());
+    return ethernet(to, from, be16(frame, 12), packet);
+}
+
+class WebTrafficGenerator {
+public:
+    explicit WebTrafficGenerator(std::uint64_t seed) : random_(seed), pool_(random_, 4 << 20) {}
+
+    // Conversations are written out whole, then interleaved: each step takes
+    // the next few frames of one of the open ones, chosen at random.
+    WebCapture generate(std::uint64_t byteBudget) {
+        WebCapture capture;
+        struct Open {
+            std::vector<Frame> frames;
+            std::size_t next = 0;
+        };
+        std::vector<Open> open;
+        std::uint64_t queued = 0, microseconds = 0;
+        for (;;) {
+            while (open.size() < kConcurrentConversations && queued < byteBudget) {
+                open.push_back({conversation(capture), 0});
+                for (const Frame& frame : open.back().frames) queued += frame.bytes.size();
+            }
+            if (open.empty()) break;
+            const std::size_t pick = random_.between(0, static_cast<std::uint32_t>(open.size() - 1));
+            Open& conversation = open[pick];
+            for (std::uint32_t n = random_.between(1, 6); n > 0 && conversation.next < conversation.frames.size(); --n) {
+                Frame& frame = conversation.frames[conversation.next++];
+                // A gigabit wire's time for the frame, in whole microseconds.
+                microseconds += std::max<std::uint64_t>(1, (frame.bytes.size() + 20) * 8 / 1000);
+                frame.timestamp = 1700000000.0 + static_cast<double>(microseconds) / 1e6;
+                capture.frameBytes += frame.bytes.size();
+                capture.frames.push_back(std::move(frame));
+            }
+            if (conversation.next == conversation.frames.size()) open.erase(open.begin() + static_cast<std::ptrdiff_t>(pick));
+        }
+        return capture;
+    }
+
+private:
+    // A client on a private network asking a server in a documentation range
+    // for a few objects of 1 kB to 2 MB (log-uniform); one in ten over IPv6.
+    std::vector<Frame> conversation(WebCapture& capture) {
+        const bool v6 = random_.chance(0.1);
+        char client[64], server[64];
+        if (v6) {
+            std::snprintf(client, sizeof client, "fd00:20::%x", random_.between(2, 0xfffe));
+            std::snprintf(server, sizeof server, "2001:db8:80::%x", random_.between(1, 0xff));
+        } else {
+            std::snprintf(client, sizeof client, "10.2.%u.%u", random_.between(0, 255), random_.between(1, 254));
+            std::snprintf(server, sizeof server, "198.51.100.%u", random_.between(1, 254));
+        }
+        Mac clientMac = kMacA;
+        clientMac[5] = static_cast<std::uint8_t>(random_.next());
+        // Consecutive client ports: no two open conversations share a 4-tuple.
+        const auto port = static_cast<std::uint16_t>(kFirstClientPort + capture.conversations++ % 16384);
+        TcpConversation tcp(DLT_EN10MB, {clientMac, client, port}, {kMacB, server, static_cast<std::uint16_t>(random_.chance(0.7) ? 443 : 80)},
+                            static_cast<std::uint32_t>(random_.next()), static_cast<std::uint32_t>(random_.next()));
+        std::vector<Frame> frames;
+        double clock = 0;  // the frames are timed when they are interleaved
+        tcp.open(frames, clock);
+        for (std::uint32_t n = random_.between(1, 5); n > 0; --n) {
+            const Bytes request = pool_.take(random_.between(200, 900));
+            const Bytes response = pool_.take(random_.logBetween(1000, 2'000'000));
+            capture.sent[0] += request.size();
+            capture.sent[1] += response.size();
+            tcp.send(true, request, frames, clock);
+            tcp.send(false, response, frames, clock);
+        }
+        tcp.close(frames, clock);
+        disorder(frames, capture);
+        return frames;
+    }
+
+    // Swaps about 3 % of the data segments with the same sender's next one,
+    // and sends about 1 % again 2 to 30 frames later, half of those shifted
+    // by half a segment so that they overlap the next one. Never the first
+    // segment of a direction (both reassemblers start their stream there,
+    // one from the SYN, the other from the first data), and never after a
+    // FIN, where both have ended that direction.
+    void disorder(std::vector<Frame>& frames, WebCapture& capture) {
+        std::vector<Segment> segments;
+        for (const Frame& frame : frames) segments.push_back(segmentOf(frame.bytes));
+        const auto fin = static_cast<std::size_t>(
+            std::find_if(segments.begin(), segments.end(), [](const Segment& s) { return s.fin; }) - segments.begin());
+        // The same sender's next data segment within `reach` frames of i.
+        auto nextData = [&](std::size_t i, std::size_t reach) -> std::size_t {
+            for (std::size_t j = i + 1; j < std::min(fin, i + 1 + reach); ++j)
+                if (segments[j].length && segments[j].fromClient == segments[i].fromClient) return j;
+            return 0;
+        };
+        bool seen[2] = {};
+        std::vector<bool> moved(frames.size());
+        for (std::size_t i = 0; i < fin; ++i) {
+            if (!segments[i].length) continue;
+            ++capture.dataSegments;
+            bool& first = seen[segments[i].fromClient ? 0 : 1];
+            if (!std::exchange(first, true) || moved[i] || !random_.chance(0.03)) continue;
+            if (const std::size_t j = nextData(i, 3)) {
+                std::swap(frames[i], frames[j]);
+                std::swap(segments[i], segments[j]);
+                moved[i] = moved[j] = true;
+                ++capture.swapped;
+            }
+        }
+        std::vector<std::pair<std::size_t, Frame>> again;  // sent after the frame at .first
+        for (std::size_t i = 0; i < fin; ++i) {
+            const Segment& s = segments[i];
+            if (!s.length || !random_.chance(0.01)) continue;
+            std::size_t after = i;
+            Frame copy = frames[i];
+            const bool overlap = random_.chance(0.5);
+            if (overlap) {
+                // Half of this segment and half of the next, in one.
+                std::size_t j = 0;
+                for (std::size_t k = 0; k < fin; ++k)
+                    if (segments[k].length && segments[k].fromClient == s.fromClient &&
+                        segments[k].seq == s.seq + s.length)
+                        j = k;
+                if (!j) continue;
+                const Bytes& next = frames[j].bytes;
+                Bytes bytes(frames[i].bytes.begin() + static_cast<std::ptrdiff_t>(s.payload + s.length / 2),
+                            frames[i].bytes.end());
+                bytes.insert(bytes.end(), next.begin() + static_cast<std::ptrdiff_t>(segments[j].payload),
+                             next.begin() + static_cast<std::ptrdiff_t>(segments[j].payload + segments[j].length / 2));
+                copy.bytes = resent(frames[i].bytes, s, s.seq + static_cast<std::uint32_t>(s.length / 2), bytes);
+                after = std::max(i, j);
+            }
+            after += random_.between(2, 30);
+            if (after >= fin) continue;
+            again.emplace_back(after, std::move(copy));
+            ++capture.repeated;
+            capture.overlapping += overlap;
+        }
+        std::stable_sort(again.begin(), again.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+        std::vector<Frame> out;
+        out.reserve(frames.size() + again.size());
+        auto extra = again.begin();
+        for (std::size_t i = 0; i < frames.size(); ++i) {
+            out.push_back(std::move(frames[i]));
+            for (; extra != again.end() && extra->first == i; ++extra) out.push_back(std::move(extra->second));
+        }
+        frames = std::move(out);
+    }
+
+    Random random_;
+    PayloadPool pool_;
+};
+
+// --- The passes, each in a child process ------------------------------------
+
+struct Result {
+    double cpu = 0, wall = 0;
+    std::uint64_t bytes[2] = {};  // client to server, server to client
+    long floorKiB = 0, peakKiB = 0;
+    // The idle pass: flows opened, heap bytes and resident KiB they added.
+    std::uint64_t flows = 0;
+    long long heapBytes = 0;
+    long rssKiB = 0;
+};
+
+// A line of /proc/self/status, in KiB.
+long statusKiB(const char* field) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind(field, 0) == 0) return std::atol(line.c_str() + std::strlen(field));
+    return 0;
+}
+
+long long heapInUse() {
+    const struct mallinfo2 info = mallinfo2();
+    return static_cast<long long>(info.uordblks + info.hblkhd);
+}
+
+template <class Run>
+void timed(Result& result, Run run) {
+    result.floorKiB = statusKiB("VmHWM:");
+    const auto start = std::chrono::steady_clock::now();
+    const double cpuStart = threadSeconds();
+    run();
+    result.cpu = threadSeconds() - cpuStart;
+    result.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    result.peakKiB = statusKiB("VmHWM:");
+}
+
+bool isClient(std::uint16_t port) { return port >= kFirstClientPort; }
+
+Result followWithWireloom(const std::string& path) {
+    Result result;
+    timed(result, [&] {
+        std::string error;
+        auto file = PXCaptureFile::open(path, &error);
+        if (!file) return;
+        auto capture = PXNetworkCapture::captureWithNullDevice();
+        auto table = PXTCPFlowTable::initWithCapture(capture);
+        NotificationCenter& center = NotificationCenter::defaultCenter();
+        center.addObserver(&result, kPXTCPFlowStreamChunkNotificationName, [&](const Notification& n) {
+            const auto* flow = dynamic_cast<const PXTCPFlow*>(n.sender.get());
+            const bool fromZero = *n.userInfo.at("identifier").string() == flow->endpoint0();
+            const bool fromClient = isClient(fromZero ? flow->endpoint0Port() : flow->endpoint1Port());
+            result.bytes[fromClient ? 0 : 1] += n.userInfo.at("chunk").bytes()->size();
+        });
+        if (!capture->replayCaptureFile(*file, &error)) std::fprintf(stderr, "%s\n", error.c_str());
+        table->invalidate();
+        center.removeObserver(&result);
+    });
+    return result;
+}
+
+Result followWithLibtins(const std::string& path) {
+    Result result;
+    timed(result, [&] {
+        Tins::TCPIP::StreamFollower follower;
+        follower.new_stream_callback([&](Tins::TCPIP::Stream& stream) {
+            // Each payload is emptied once its callback has run.
+            stream.auto_cleanup_payloads(true);
+            stream.client_data_callback([&](Tins::TCPIP::Stream& s) { result.bytes[0] += s.client_payload().size(); });
+            stream.server_data_callback([&](Tins::TCPIP::Stream& s) { result.bytes[1] += s.server_payload().size(); });
+        });
+        Tins::FileSniffer sniffer(path);
+        sniffer.sniff_loop([&](Tins::Packet& packet) {
+            follower.process_packet(packet);
+            return true;
+        });
+    });
+    return result;
+}
+
+// SYNs from distinct clients to one server, built before anything is
+// measured and fed straight to the capture: the flows are all that grows.
+Result openIdleFlows(std::uint64_t count) {
+    Bytes frames;
+    std::vector<std::size_t> ends;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const IPv4Address client{10, static_cast<std::uint8_t>(i >> 16), static_cast<std::uint8_t>(i >> 8),
+                                 static_cast<std::uint8_t>(i)};
+        const Bytes frame = ethernet(
+            kMacB, kMacA, kEtherTypeIPv4,
+            ipv4(client, ip4("198.51.100.80"), kProtoTCP,
+                 tcp({.sourcePort = static_cast<std::uint16_t>(kFirstClientPort + i % 16384),
+                      .destPort = 443,
+                      .seq = static_cast<std::uint32_t>(i * 7919),
+                      .flags = kTcpSyn})));
+        frames.insert(frames.end(), frame.begin(), frame.end());
+        ends.push_back(frames.size());
+    }
+    const ByteBuffer all = ByteBuffer::copy(frames.data(), frames.size());
+    frames = {};
+    auto capture = PXNetworkCapture::captureWithNullDevice();
+    auto table = PXTCPFlowTable::initWithCapture(capture);
+    Result result;
+    const long long heapBefore = heapInUse();
+    const long rssBefore = statusKiB("VmRSS:");
+    timed(result, [&] {
+        std::size_t begin = 0;
+        for (const std::size_t end : ends) {
+            capture->processRawPacketData(all.borrowedView(begin, end - begin), 1700000000.0);
+            begin = end;
+        }
+    });
+    result.flows = table->table().size();
+    result.heapBytes = heapInUse() - heapBefore;
+    result.rssKiB = statusKiB("VmRSS:") - rssBefore;
+    table->invalidate();
+    return result;
+}
+
+int runChild(const std::string& pass, const std::string& path, std::uint64_t idleFlows) {
+    Result r;
+    if (pass == "wireloom")
+        r = followWithWireloom(path);
+    else if (pass == "libtins")
+        r = followWithLibtins(path);
+    else if (pass == "idle")
+        r = openIdleFlows(idleFlows);
+    else
+        return 2;
+    std::printf("%.9f %.9f %llu %llu %ld %ld %llu %lld %ld\n", r.cpu, r.wall,
+                static_cast<unsigned long long>(r.bytes[0]), static_cast<unsigned long long>(r.bytes[1]), r.floorKiB,
+                r.peakKiB, static_cast<unsigned long long>(r.flows), r.heapBytes, r.rssKiB);
+    return 0;
+}
+
+// Runs this program again as `--child pass`, and reads back its result line.
+bool spawnPass(const std::string& pass, const std::string& path, std::uint64_t idleFlows, Result* result) {
+    int out[2];
+    if (pipe(out) != 0) return false;
+    const std::string flows = std::to_string(idleFlows);
+    const char* argv[] = {"flow_benchmark", "--child", pass.c_str(), "--file", path.c_str(),
+                          "--idle-flows", flows.c_str(), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_addclose(&actions, out[0]);
+    pid_t pid = 0;
+    const int failed =
+        posix_spawn(&pid, "/proc/self/exe", &actions, nullptr, const_cast<char* const*>(argv), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(out[1]);
+    std::string line;
+    char buffer[256];
+    for (ssize_t n; (n = read(out[0], buffer, sizeof buffer)) > 0;) line.append(buffer, static_cast<std::size_t>(n));
+    close(out[0]);
+    int status = 0;
+    if (failed || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return false;
+    unsigned long long client = 0, server = 0, flowCount = 0;
+    Result& r = *result;
+    if (std::sscanf(line.c_str(), "%lf %lf %llu %llu %ld %ld %llu %lld %ld", &r.cpu, &r.wall, &client, &server,
+                    &r.floorKiB, &r.peakKiB, &flowCount, &r.heapBytes, &r.rssKiB) != 9)
+        return false;
+    r.bytes[0] = client;
+    r.bytes[1] = server;
+    r.flows = flowCount;
+    return true;
+}
+
+struct Pass {
+    const char* name;
+    const char* what;
+    std::vector<Result> runs;
+};
+
+template <class Field>
+double medianOf(const Pass& pass, Field field) {
+    std::vector<double> values;
+    for (const Result& r : pass.runs) values.push_back(field(r));
+    return median(values);
+}
+
+const char* verdict(bool met) { return met ? "met" : "MISSED"; }
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CommonOptions options{200};
+    std::string child, path;
+    std::uint64_t idleFlows = 100000;
+    for (int i = 1; i < argc; i += 2) {
+        const std::string option = argv[i];
+        const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+        if (value && options.parse(option, value)) continue;
+        if (value && option == "--child")
+            child = value;
+        else if (value && option == "--file")
+            path = value;
+        else if (value && option == "--idle-flows")
+            idleFlows = std::max<std::uint64_t>(1, std::strtoull(value, nullptr, 10));
+        else {
+            std::fprintf(stderr, "usage: %s [--megabytes N] [--repetitions N] [--only NAME] [--idle-flows N]\n",
+                         argv[0]);
+            return 2;
+        }
+    }
+    if (!child.empty()) return runChild(child, path, idleFlows);
+
+    std::printf("Machine: %ld cores, %s\nBuild: %s\n", sysconf(_SC_NPROCESSORS_ONLN), cpuModel().c_str(),
+                WIRELOOM_BENCH_BUILD);
+    std::vector<Pass> passes = {
+        {"wireloom", "file, null-device capture, TCP flow table, chunk observer", {}},
+        {"libtins", "FileSniffer and StreamFollower with data callbacks", {}},
+        {"idle", "SYNs opening flows that stay open", {}},
+    };
+    if (!keepOnly(passes, options.only)) return 2;
+
+    TemporaryCapture file;
+    WebCapture capture = WebTrafficGenerator(20240611).generate(options.megabytes * 1000000);
+    if (!writePcap(file.path, DLT_EN10MB, capture.frames)) {
+        std::fprintf(stderr, "cannot write %s\n", file.path.c_str());
+        return 1;
+    }
+    const double fileBytes = static_cast<double>(24 + 16 * capture.frames.size() + capture.frameBytes);
+    const double streamBytes = static_cast<double>(capture.sent[0] + capture.sent[1]);
+    std::printf("Capture: %zu frames, %.1f MB file, %llu conversations, %zu open at a time\n", capture.frames.size(),
+                fileBytes / 1e6, static_cast<unsigned long long>(capture.conversations), kConcurrentConversations);
+    std::printf("  stream bytes: %llu client to server, %llu server to client\n",
+                static_cast<unsigned long long>(capture.sent[0]), static_cast<unsigned long long>(capture.sent[1]));
+    std::printf("  of %llu data segments: %llu swapped with the next, %llu sent again (%llu overlapping the next)\n",
+                static_cast<unsigned long long>(capture.dataSegments), static_cast<unsigned long long>(capture.swapped),
+                static_cast<unsigned long long>(capture.repeated), static_cast<unsigned long long>(capture.overlapping));
+    capture.frames = {};
+
+    bool agreed = true;
+    for (int rep = 0; rep < options.repetitions; ++rep) {
+        for (std::size_t i = 0; i < passes.size(); ++i) {
+            Pass& pass = passes[(i + static_cast<std::size_t>(rep)) % passes.size()];
+            Result result;
+            if (!spawnPass(pass.name, file.path, idleFlows, &result)) {
+                std::fprintf(stderr, "the %s pass failed\n", pass.name);
+                return 1;
+            }
+            const bool idle = pass.name == std::string("idle");
+            if (!idle && (result.bytes[0] != capture.sent[0] || result.bytes[1] != capture.sent[1])) {
+                std::fprintf(stderr, "*** %s reassembled %llu and %llu bytes; the capture holds %llu and %llu\n",
+                             pass.name, static_cast<unsigned long long>(result.bytes[0]),
+                             static_cast<unsigned long long>(result.bytes[1]),
+                             static_cast<unsigned long long>(capture.sent[0]),
+                             static_cast<unsigned long long>(capture.sent[1]));
+                agreed = false;
+            }
+            if (idle && result.flows != idleFlows) {
+                std::fprintf(stderr, "*** %llu of %llu idle flows opened\n",
+                             static_cast<unsigned long long>(result.flows), static_cast<unsigned long long>(idleFlows));
+                agreed = false;
+            }
+            pass.runs.push_back(result);
+        }
+    }
+
+    std::printf("\nmedians of %d runs, each in a process of its own; CPU time of the thread (wall time)\n",
+                options.repetitions);
+    double wireloomRate = 0, libtinsRate = 0, wireloomWall = 0, libtinsWall = 0;
+    for (const Pass& pass : passes) {
+        const double cpu = medianOf(pass, [](const Result& r) { return r.cpu; });
+        const double wall = medianOf(pass, [](const Result& r) { return r.wall; });
+        const double peak = medianOf(pass, [](const Result& r) { return static_cast<double>(r.peakKiB); });
+        const double floor = medianOf(pass, [](const Result& r) { return static_cast<double>(r.floorKiB); });
+        std::printf("\n%s: %s\n", pass.name, pass.what);
+        if (pass.name == std::string("idle")) {
+            const double heap = medianOf(pass, [](const Result& r) { return static_cast<double>(r.heapBytes); });
+            const double rss = medianOf(pass, [](const Result& r) { return static_cast<double>(r.rssKiB); });
+            const double flows = static_cast<double>(idleFlows);
+            std::printf("  %.0f flows opened in %.3f s (%.3f s wall): %.2f M SYNs/s\n", flows, cpu, wall,
+                        flows / cpu / 1e6);
+            std::printf("  heap in use: %.0f bytes per flow; resident: %.0f bytes per flow; peak %.1f MiB\n",
+                        heap / flows, rss * 1024 / flows, peak / 1024);
+            std::printf("  goal under 1024 bytes per idle flow (heap): %s\n", verdict(heap / flows < 1024));
+            continue;
+        }
+        std::printf("  %.1f MB/s of file (%.1f wall), %.1f MB/s of stream (%.1f wall); %.3f s CPU, %.3f s wall\n",
+                    fileBytes / cpu / 1e6, fileBytes / wall / 1e6, streamBytes / cpu / 1e6, streamBytes / wall / 1e6,
+                    cpu, wall);
+        std::printf("  peak resident %.1f MiB (%.1f MiB before the pass)\n", peak / 1024, floor / 1024);
+        std::printf("  runs, s CPU/wall:");
+        for (const Result& r : pass.runs) std::printf(" %.3f/%.3f", r.cpu, r.wall);
+        std::printf("\n");
+        if (pass.name == std::string("wireloom")) {
+            wireloomRate = fileBytes / cpu;
+            wireloomWall = fileBytes / wall;
+            std::printf("  goal peak resident under 64 MiB: %s\n", verdict(peak < 64 * 1024));
+        } else {
+            libtinsRate = fileBytes / cpu;
+            libtinsWall = fileBytes / wall;
+        }
+    }
+    if (wireloomRate > 0 && libtinsRate > 0)
+        std::printf("\nwireloom / libtins: %.2f CPU (%.2f wall); goal at least 1.2: %s\n", wireloomRate / libtinsRate,
+                    wireloomWall / libtinsWall, verdict(wireloomRate / libtinsRate >= 1.2));
+    if (!agreed) std::fprintf(stderr, "\n*** the passes did not reassemble what the capture holds\n");
+    return agreed ? 0 : 1;
+}
