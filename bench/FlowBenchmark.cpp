@@ -11,7 +11,7 @@
 //   idle      100,000 flows opened by a SYN each and left open: the heap and
 //             the resident memory they take, per flow
 //
-// Each pass runs in a process of its own (this program again, --child), so
+// Each pass runs in a process of its own (this program again, --run), so
 // its peak resident memory is its own and not the generator's: VmHWM, read
 // by the child. (ru_maxrss after fork and exec would not do: the kernel folds
 // the parent's high-water mark into the child's at exec.) Times are the
@@ -20,6 +20,11 @@
 // exactly the bytes the generator put in each direction. See BENCHMARKS.md.
 //
 //   flow_benchmark [--megabytes 200] [--repetitions 5] [--only NAME] [--idle-flows 100000]
+//   flow_benchmark --write-capture FILE [--megabytes 200]
+//   flow_benchmark --run PASS --file FILE [--idle-flows 100000]
+//
+// --write-capture writes the capture and exits; --run runs one pass once
+// over it and prints the line of figures the parent reads: for profiling.
 
 #include "TrafficMix.hpp"
 
@@ -309,29 +314,36 @@ void timed(Result& result, Run run) {
 
 bool isClient(std::uint16_t port) { return port >= kFirstClientPort; }
 
-Result followWithWireloom(const std::string& path) {
+// How far the wireloom pipeline goes: the whole of it, or its first stages
+// alone, to show where its time goes.
+enum class Stage { replay, table, chunks };
+
+Result followWithWireloom(const std::string& path, Stage stage) {
     Result result;
     timed(result, [&] {
         std::string error;
         auto file = PXCaptureFile::open(path, &error);
         if (!file) return;
         auto capture = PXNetworkCapture::captureWithNullDevice();
-        auto table = PXTCPFlowTable::initWithCapture(capture);
+        auto table = stage == Stage::replay ? nullptr : PXTCPFlowTable::initWithCapture(capture);
         NotificationCenter& center = NotificationCenter::defaultCenter();
-        center.addObserver(&result, kPXTCPFlowStreamChunkNotificationName, [&](const Notification& n) {
-            const auto* flow = dynamic_cast<const PXTCPFlow*>(n.sender.get());
-            const bool fromZero = *n.userInfo.at("identifier").string() == flow->endpoint0();
-            const bool fromClient = isClient(fromZero ? flow->endpoint0Port() : flow->endpoint1Port());
-            result.bytes[fromClient ? 0 : 1] += n.userInfo.at("chunk").bytes()->size();
-        });
+        if (stage == Stage::chunks) {
+            center.addObserver(&result, kPXTCPFlowStreamChunkNotificationName, [&](const Notification& n) {
+                const auto* flow = dynamic_cast<const PXTCPFlow*>(n.sender.get());
+                const bool fromZero = *n.userInfo.at("identifier").string() == flow->endpoint0();
+                const bool fromClient = isClient(fromZero ? flow->endpoint0Port() : flow->endpoint1Port());
+                result.bytes[fromClient ? 0 : 1] += n.userInfo.at("chunk").bytes()->size();
+            });
+        }
         if (!capture->replayCaptureFile(*file, &error)) std::fprintf(stderr, "%s\n", error.c_str());
-        table->invalidate();
+        if (table) table->invalidate();
         center.removeObserver(&result);
     });
     return result;
 }
 
-Result followWithLibtins(const std::string& path) {
+// With follow false, only the packets: what libtins spends before following.
+Result followWithLibtins(const std::string& path, bool follow) {
     Result result;
     timed(result, [&] {
         Tins::TCPIP::StreamFollower follower;
@@ -343,7 +355,7 @@ Result followWithLibtins(const std::string& path) {
         });
         Tins::FileSniffer sniffer(path);
         sniffer.sniff_loop([&](Tins::Packet& packet) {
-            follower.process_packet(packet);
+            if (follow) follower.process_packet(packet);
             return true;
         });
     });
@@ -389,12 +401,18 @@ Result openIdleFlows(std::uint64_t count) {
     return result;
 }
 
-int runChild(const std::string& pass, const std::string& path, std::uint64_t idleFlows) {
+int runPass(const std::string& pass, const std::string& path, std::uint64_t idleFlows) {
     Result r;
     if (pass == "wireloom")
-        r = followWithWireloom(path);
+        r = followWithWireloom(path, Stage::chunks);
+    else if (pass == "wireloom-replay")
+        r = followWithWireloom(path, Stage::replay);
+    else if (pass == "wireloom-table")
+        r = followWithWireloom(path, Stage::table);
     else if (pass == "libtins")
-        r = followWithLibtins(path);
+        r = followWithLibtins(path, true);
+    else if (pass == "libtins-sniff")
+        r = followWithLibtins(path, false);
     else if (pass == "idle")
         r = openIdleFlows(idleFlows);
     else
@@ -405,12 +423,12 @@ int runChild(const std::string& pass, const std::string& path, std::uint64_t idl
     return 0;
 }
 
-// Runs this program again as `--child pass`, and reads back its result line.
+// Runs this program again as `--run pass`, and reads back its result line.
 bool spawnPass(const std::string& pass, const std::string& path, std::uint64_t idleFlows, Result* result) {
     int out[2];
     if (pipe(out) != 0) return false;
     const std::string flows = std::to_string(idleFlows);
-    const char* argv[] = {"flow_benchmark", "--child", pass.c_str(), "--file", path.c_str(),
+    const char* argv[] = {"flow_benchmark", "--run", pass.c_str(), "--file", path.c_str(),
                           "--idle-flows", flows.c_str(), nullptr};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -441,6 +459,7 @@ bool spawnPass(const std::string& pass, const std::string& path, std::uint64_t i
 struct Pass {
     const char* name;
     const char* what;
+    enum Kind { reassembles, partial, idle } kind;
     std::vector<Result> runs;
 };
 
@@ -457,39 +476,48 @@ const char* verdict(bool met) { return met ? "met" : "MISSED"; }
 
 int main(int argc, char** argv) {
     CommonOptions options{200};
-    std::string child, path;
+    std::string run, path, writeCapture;
     std::uint64_t idleFlows = 100000;
     for (int i = 1; i < argc; i += 2) {
         const std::string option = argv[i];
         const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
         if (value && options.parse(option, value)) continue;
-        if (value && option == "--child")
-            child = value;
+        if (value && option == "--run")
+            run = value;
+        else if (value && option == "--write-capture")
+            writeCapture = value;
         else if (value && option == "--file")
             path = value;
         else if (value && option == "--idle-flows")
             idleFlows = std::max<std::uint64_t>(1, std::strtoull(value, nullptr, 10));
         else {
-            std::fprintf(stderr, "usage: %s [--megabytes N] [--repetitions N] [--only NAME] [--idle-flows N]\n",
-                         argv[0]);
+            std::fprintf(stderr,
+                         "usage: %s [--megabytes N] [--repetitions N] [--only NAME] [--idle-flows N]\n"
+                         "       %s --write-capture FILE [--megabytes N]\n"
+                         "       %s --run PASS --file FILE [--idle-flows N]\n",
+                         argv[0], argv[0], argv[0]);
             return 2;
         }
     }
-    if (!child.empty()) return runChild(child, path, idleFlows);
+    if (!run.empty()) return runPass(run, path, idleFlows);
 
     std::printf("Machine: %ld cores, %s\nBuild: %s\n", sysconf(_SC_NPROCESSORS_ONLN), cpuModel().c_str(),
                 WIRELOOM_BENCH_BUILD);
     std::vector<Pass> passes = {
-        {"wireloom", "file, null-device capture, TCP flow table, chunk observer", {}},
-        {"libtins", "FileSniffer and StreamFollower with data callbacks", {}},
-        {"idle", "SYNs opening flows that stay open", {}},
+        {"wireloom", "file, null-device capture, TCP flow table, chunk observer", Pass::reassembles, {}},
+        {"libtins", "FileSniffer and StreamFollower with data callbacks", Pass::reassembles, {}},
+        {"wireloom-replay", "the file through the capture, no flow table", Pass::partial, {}},
+        {"wireloom-table", "the same with the flow table, chunks unobserved", Pass::partial, {}},
+        {"libtins-sniff", "FileSniffer over the file, no StreamFollower", Pass::partial, {}},
+        {"idle", "SYNs opening flows that stay open", Pass::idle, {}},
     };
     if (!keepOnly(passes, options.only)) return 2;
 
     TemporaryCapture file;
     WebCapture capture = WebTrafficGenerator(20240611).generate(options.megabytes * 1000000);
-    if (!writePcap(file.path, DLT_EN10MB, capture.frames)) {
-        std::fprintf(stderr, "cannot write %s\n", file.path.c_str());
+    const std::string& written = writeCapture.empty() ? file.path : writeCapture;
+    if (!writePcap(written, DLT_EN10MB, capture.frames)) {
+        std::fprintf(stderr, "cannot write %s\n", written.c_str());
         return 1;
     }
     const double fileBytes = static_cast<double>(24 + 16 * capture.frames.size() + capture.frameBytes);
@@ -502,6 +530,7 @@ int main(int argc, char** argv) {
                 static_cast<unsigned long long>(capture.dataSegments), static_cast<unsigned long long>(capture.swapped),
                 static_cast<unsigned long long>(capture.repeated), static_cast<unsigned long long>(capture.overlapping));
     capture.frames = {};
+    if (!writeCapture.empty()) return 0;
 
     bool agreed = true;
     for (int rep = 0; rep < options.repetitions; ++rep) {
@@ -512,8 +541,7 @@ int main(int argc, char** argv) {
                 std::fprintf(stderr, "the %s pass failed\n", pass.name);
                 return 1;
             }
-            const bool idle = pass.name == std::string("idle");
-            if (!idle && (result.bytes[0] != capture.sent[0] || result.bytes[1] != capture.sent[1])) {
+            if (pass.kind == Pass::reassembles && (result.bytes[0] != capture.sent[0] || result.bytes[1] != capture.sent[1])) {
                 std::fprintf(stderr, "*** %s reassembled %llu and %llu bytes; the capture holds %llu and %llu\n",
                              pass.name, static_cast<unsigned long long>(result.bytes[0]),
                              static_cast<unsigned long long>(result.bytes[1]),
@@ -521,7 +549,7 @@ int main(int argc, char** argv) {
                              static_cast<unsigned long long>(capture.sent[1]));
                 agreed = false;
             }
-            if (idle && result.flows != idleFlows) {
+            if (pass.kind == Pass::idle && result.flows != idleFlows) {
                 std::fprintf(stderr, "*** %llu of %llu idle flows opened\n",
                              static_cast<unsigned long long>(result.flows), static_cast<unsigned long long>(idleFlows));
                 agreed = false;
@@ -539,7 +567,7 @@ int main(int argc, char** argv) {
         const double peak = medianOf(pass, [](const Result& r) { return static_cast<double>(r.peakKiB); });
         const double floor = medianOf(pass, [](const Result& r) { return static_cast<double>(r.floorKiB); });
         std::printf("\n%s: %s\n", pass.name, pass.what);
-        if (pass.name == std::string("idle")) {
+        if (pass.kind == Pass::idle) {
             const double heap = medianOf(pass, [](const Result& r) { return static_cast<double>(r.heapBytes); });
             const double rss = medianOf(pass, [](const Result& r) { return static_cast<double>(r.rssKiB); });
             const double flows = static_cast<double>(idleFlows);
@@ -550,9 +578,10 @@ int main(int argc, char** argv) {
             std::printf("  goal under 1024 bytes per idle flow (heap): %s\n", verdict(heap / flows < 1024));
             continue;
         }
-        std::printf("  %.1f MB/s of file (%.1f wall), %.1f MB/s of stream (%.1f wall); %.3f s CPU, %.3f s wall\n",
-                    fileBytes / cpu / 1e6, fileBytes / wall / 1e6, streamBytes / cpu / 1e6, streamBytes / wall / 1e6,
-                    cpu, wall);
+        std::printf("  %.1f MB/s of file (%.1f wall); %.3f s CPU, %.3f s wall\n", fileBytes / cpu / 1e6,
+                    fileBytes / wall / 1e6, cpu, wall);
+        if (pass.kind == Pass::reassembles)
+            std::printf("  %.1f MB/s of stream (%.1f wall)\n", streamBytes / cpu / 1e6, streamBytes / wall / 1e6);
         std::printf("  peak resident %.1f MiB (%.1f MiB before the pass)\n", peak / 1024, floor / 1024);
         std::printf("  runs, s CPU/wall:");
         for (const Result& r : pass.runs) std::printf(" %.3f/%.3f", r.cpu, r.wall);
@@ -561,7 +590,7 @@ int main(int argc, char** argv) {
             wireloomRate = fileBytes / cpu;
             wireloomWall = fileBytes / wall;
             std::printf("  goal peak resident under 64 MiB: %s\n", verdict(peak < 64 * 1024));
-        } else {
+        } else if (pass.name == std::string("libtins")) {
             libtinsRate = fileBytes / cpu;
             libtinsWall = fileBytes / wall;
         }
