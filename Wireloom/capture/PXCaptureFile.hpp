@@ -3,6 +3,13 @@
 // libpcap's offline reader, and decodes each record into a packet chain with
 // the file's link-layer type.
 //
+// A classic pcap file of a common link type, the kind nearly every capture
+// is, is read straight into a buffer of its own, and its records handed out
+// from there: libpcap would copy each record once more into its own buffer.
+// Any record that libpcap would do more with than pass through (one longer
+// than the snapshot length, one cut short) it reads itself, from where that
+// record starts, so that what comes out, errors included, is libpcap's.
+//
 //   std::string error;
 //   auto file = PXCaptureFile::open("trace.pcap", &error);
 //   if (!file) { std::fprintf(stderr, "%s\n", error.c_str()); return 1; }
@@ -41,8 +48,13 @@ public:
     PXPacketPtr nextPacket(std::string* error);
 
 private:
-    PXCaptureFile(pcap* handle, std::string path, std::unique_ptr<char[]> readBuffer);
+    class DirectReader;
+
+    PXCaptureFile(pcap* handle, std::string path, std::unique_ptr<char[]> readBuffer,
+                  std::unique_ptr<DirectReader> direct);
     std::unique_ptr<char[]> readBuffer_;  // the file's stdio buffer: outlives the handle that closes it
+    std::unique_ptr<DirectReader> direct_;  // null: libpcap reads every record
+    bool directPaused_ = false;             // while libpcap reads a record for it
     pcap* handle_;
     std::string path_;
     int linkLayerType_;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 using namespace wireloom;
@@ -87,6 +88,121 @@ TEST(CaptureFile, GarbageAndTruncatedFiles) {
     EXPECT_TRUE(file->nextPacket(&error));
     EXPECT_FALSE(file->nextPacket(&error));
     EXPECT_NE(error.find("truncated"), std::string::npos) << error;
+}
+
+namespace {
+
+// A classic pcap file byte by byte, in either byte order, so that every
+// field a reader might get wrong can be set.
+struct RawPcap {
+    bool swapped = false;
+    Bytes bytes;
+    void put32(std::uint32_t v) {
+        if (swapped) v = __builtin_bswap32(v);
+        bytes.insert(bytes.end(), reinterpret_cast<std::uint8_t*>(&v), reinterpret_cast<std::uint8_t*>(&v) + 4);
+    }
+    void put16(std::uint16_t v) {
+        if (swapped) v = __builtin_bswap16(v);
+        bytes.insert(bytes.end(), reinterpret_cast<std::uint8_t*>(&v), reinterpret_cast<std::uint8_t*>(&v) + 2);
+    }
+    RawPcap(bool swap, std::uint32_t magic, std::uint16_t minor, std::uint32_t snaplen, std::uint32_t linkType)
+        : swapped(swap) {
+        put32(magic);
+        put16(2);
+        put16(minor);
+        put32(0);
+        put32(0);
+        put32(snaplen);
+        put32(linkType);
+    }
+    // `stored` bytes of data follow, whatever caplen says.
+    void record(std::uint32_t seconds, std::uint32_t fraction, std::uint32_t caplen, std::uint32_t len,
+                std::size_t stored) {
+        put32(seconds);
+        put32(fraction);
+        put32(caplen);
+        put32(len);
+        for (std::size_t i = 0; i < stored; ++i) bytes.push_back(static_cast<std::uint8_t>(i * 7 + caplen));
+    }
+    void record(std::uint32_t seconds, std::uint32_t fraction, std::uint32_t caplen) {
+        record(seconds, fraction, caplen, caplen + 4, caplen);
+    }
+};
+
+// Every record's header and bytes, then the message after the last.
+std::string readAll(const std::string& path, bool libpcapAlone) {
+    std::string out, error;
+    auto line = [&](const pcap_pkthdr& h, const std::uint8_t* data) {
+        out += std::to_string(h.ts.tv_sec) + "." + std::to_string(h.ts.tv_usec) + " " + std::to_string(h.caplen) +
+               "/" + std::to_string(h.len) + " " + ByteBuffer::copy(data, h.caplen).md5HexDigest() + "\n";
+    };
+    if (libpcapAlone) {
+        char reason[PCAP_ERRBUF_SIZE];
+        pcap_t* handle = pcap_open_offline(path.c_str(), reason);
+        if (!handle) return reason;
+        pcap_pkthdr* h;
+        const u_char* data;
+        int status;
+        while ((status = pcap_next_ex(handle, &h, &data)) == 1) line(*h, data);
+        if (status != PCAP_ERROR_BREAK) error = pcap_geterr(handle);
+        pcap_close(handle);
+    } else {
+        auto file = PXCaptureFile::open(path, &error);
+        if (!file) return error;
+        const pcap_pkthdr* h;
+        const std::uint8_t* data;
+        while (file->nextRecord(&h, &data, &error)) line(*h, data);
+    }
+    return out + "end: " + error;
+}
+
+}  // namespace
+
+// Records are read without libpcap where it would only pass them through;
+// whatever the file holds, the records and errors must be libpcap's own.
+TEST(CaptureFile, RecordsAndErrorsAreLibpcapsInEveryLayout) {
+    const std::string path = ::testing::TempDir() + "layout.pcap";
+    auto check = [&](const RawPcap& file, const char* what) {
+        std::FILE* f = std::fopen(path.c_str(), "wb");
+        std::fwrite(file.bytes.data(), 1, file.bytes.size(), f);
+        std::fclose(f);
+        const std::string expected = readAll(path, true);
+        EXPECT_EQ(readAll(path, false), expected) << what;
+        return expected;
+    };
+    for (bool swapped : {false, true}) {
+        for (std::uint32_t magic : {0xa1b2c3d4u, 0xa1b23c4du}) {
+            // Negative and out-of-range times pass through (or are scaled) as
+            // libpcap does; a record longer than the snapshot is cut to it.
+            RawPcap file(swapped, magic, 4, 96, 1);
+            file.record(1700000000, 999999, 60);
+            file.record(0xffffffff, 1000000, 96);
+            file.record(5, 0x80000001, 0, 0, 0);
+            file.record(6, 999999999, 200, 300, 200);
+            file.record(7, 1, 64);
+            const std::string whole = check(file, "times and an oversized record");
+            EXPECT_EQ(std::count(whole.begin(), whole.end(), '\n'), 5) << whole;
+            // Cut in a record's data, then in a record's header.
+            RawPcap cut = file;
+            cut.record(8, 2, 50, 50, 20);
+            EXPECT_NE(check(cut, "data cut short").find("truncated"), std::string::npos);
+            cut = file;
+            cut.bytes.insert(cut.bytes.end(), 9, 0);
+            EXPECT_NE(check(cut, "header cut short").find("truncated"), std::string::npos);
+        }
+    }
+    // More than the reader's buffer holds, records straddling each refill.
+    RawPcap large(false, 0xa1b2c3d4u, 4, 65535, 1);
+    for (std::uint32_t i = 0; i < 2500; ++i) large.record(i, i, 900 + i % 700);
+    check(large, "three megabytes");
+    // Layouts that libpcap alone reads: lengths that version 2.3 may have
+    // swapped, and a link type whose pseudo-header libpcap rewrites.
+    RawPcap old(false, 0xa1b2c3d4u, 3, 65535, 1);
+    old.record(1, 1, 80, 40, 80);
+    check(old, "version 2.3");
+    RawPcap usb(true, 0xa1b2c3d4u, 4, 65535, 189);
+    usb.record(1, 1, 64);
+    check(usb, "Linux USB");
 }
 
 TEST(ByteBufferUtilities, DigestsEncodingsAndText) {
