@@ -209,10 +209,14 @@ PXPacketPtr PXPacket::rootPacket() const {
 }
 
 PXPacketPtr PXPacket::packetWithProtocol(const PacketClass& cls) const {
-    for (const PXPacket* p = this; p; p = p->encapsulatingPacket_.get()) {
-        if (p->isKindOf(cls))
-            return std::const_pointer_cast<PXPacket>(std::static_pointer_cast<const PXPacket>(p->shared_from_this()));
-    }
+    const PXPacket* p = layerWithProtocol(cls);
+    if (!p) return nullptr;
+    return std::const_pointer_cast<PXPacket>(std::static_pointer_cast<const PXPacket>(p->shared_from_this()));
+}
+
+const PXPacket* PXPacket::layerWithProtocol(const PacketClass& cls) const noexcept {
+    for (const PXPacket* p = this; p; p = p->encapsulatingPacket_.get())
+        if (p->isKindOf(cls)) return p;
     return nullptr;
 }
 

@@ -140,6 +140,13 @@ public:
     std::shared_ptr<T> packetWithProtocol() const {
         return std::static_pointer_cast<T>(packetWithProtocol(T::staticClass()));
     }
+    // The same layer, without taking a share of it: for a caller that holds
+    // the chain, on a path run for every frame.
+    const PXPacket* layerWithProtocol(const PacketClass& cls) const noexcept;
+    template <class T>
+    const T* layerWithProtocol() const noexcept {
+        return static_cast<const T*>(layerWithProtocol(T::staticClass()));
+    }
     bool isKindOf(const PacketClass& cls) const noexcept { return packetClass().isSubclassOf(cls); }
     // 1 for an Ethernet frame, 0 for BSD loopback, -1 otherwise.
     int linkLayerType() const;

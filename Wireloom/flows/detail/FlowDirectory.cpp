@@ -11,11 +11,11 @@ bool packetPathOf(const PXPacket& packet, std::uint16_t sourcePort, std::uint16_
     std::size_t size = 16;
     const std::uint8_t* source = nullptr;
     const std::uint8_t* dest = nullptr;
-    if (auto v6 = packet.packetWithProtocol<PXIPv6Packet>()) {
+    if (auto v6 = packet.layerWithProtocol<PXIPv6Packet>()) {
         source = v6->sourceAddressBytes();
         dest = v6->destAddressBytes();
         path->family = 6;
-    } else if (auto v4 = packet.packetWithProtocol<PXIPv4Packet>()) {
+    } else if (auto v4 = packet.layerWithProtocol<PXIPv4Packet>()) {
         source = v4->sourceAddressBytes();
         dest = v4->destAddressBytes();
         path->family = 4;

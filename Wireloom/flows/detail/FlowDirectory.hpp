@@ -116,16 +116,23 @@ public:
             // A capture of many short conversations would grow this without
             // end; starting over costs each live pair one text key again.
             if (paths_.size() > 2 * table_.size() + kSpareRoutes) paths_.clear();
-            known = paths_.emplace(path, Route{(*sides)->key, (*sides)->sourceIsZero}).first;
+            known = paths_.emplace(path, Route{(*sides)->key, nullptr, 0, (*sides)->sourceIsZero}).first;
         }
-        *sourceIsZero = known->second.sourceIsZero;
-        return flowForKey(known->second.key);
+        Route& route = known->second;
+        *sourceIsZero = route.sourceIsZero;
+        if (route.generation != generation_) {
+            auto found = table_.find(route.key);
+            route.flow = found == table_.end() ? nullptr : &found->second;
+            route.generation = generation_;
+        }
+        return route.flow ? *route.flow : nullptr;
     }
 
     void addFlow(const ObjectPtr& sender, const FlowPtr& flow, const std::string& key) {
         WL_ASSERT(!table_.contains(key), "This must never be called if there's already a flow with this key");
         flow->setKey(key);
         table_.emplace(key, flow);
+        tableChanged();
         NotificationCenter::defaultCenter().postNotification(detectedName_, sender, {{"flow", flow}});
     }
 
@@ -138,7 +145,10 @@ public:
             endedName_, sender, {{"flow", flow}, {"reason", error ? *error : std::string("Flow is no longer active")}});
         // An observer may have removed it already, or filed another.
         found = table_.find(ownKey);
-        if (found != table_.end() && found->second == flow) table_.erase(found);
+        if (found != table_.end() && found->second == flow) {
+            table_.erase(found);
+            tableChanged();
+        }
     }
 
     // Over a copy of the keys, sorted so that the announcements come in an
@@ -164,18 +174,35 @@ public:
         });
         table_.clear();
         paths_.clear();
+        tableChanged();
     }
 
 private:
     static constexpr std::size_t kSpareRoutes = 4096;
     struct Route {
         std::string key;
+        // Where the table held the key's flow (null: no flow) when it was at
+        // `generation`: until a flow is filed or removed, a look-up of the
+        // key finds the same, and the node holding it stays put. (32 bits,
+        // so that an idle flow's route is no larger than the key alone made
+        // it.)
+        const FlowPtr* flow;
+        std::uint32_t generation;
         bool sourceIsZero;
     };
+
+    void tableChanged() noexcept {
+        if (++generation_ != 0) return;
+        // Wrapped: a route last looked up 2^32 changes ago must not pass.
+        for (auto& entry : paths_) entry.second.generation = 0;
+        generation_ = 1;
+    }
 
     const char* detectedName_;
     const char* endedName_;
     Table table_;
+    // Counts the flows filed and removed; never 0, so a new route looks up.
+    std::uint32_t generation_ = 1;
     std::unordered_map<PacketPath, Route, PacketPathHash> paths_;
 };
 
