@@ -53,10 +53,17 @@ bool PXTCPFlow::handlePacket(const PXTCPPacket& packet, PXTCPBuffer* buffer, std
         if (chunk) {
             const bool fromZero = buffer == endpoint0Outgoing_.get();
             bytes_[fromZero ? 0 : 1] += chunk->size();
-            if (chunkProbe_.isObserved()) {
-                NotificationCenter::defaultCenter().postNotification(
-                    kPXTCPFlowStreamChunkNotificationName, shared_from_this(),
-                    {{"chunk", std::move(*chunk)}, {"identifier", fromZero ? endpoint0() : endpoint1()}});
+            // One answer per thread serves every flow: a probe of its own
+            // would add its size to each of a table's idle flows.
+            static thread_local ObserverProbe chunkProbe(kPXTCPFlowStreamChunkNotificationName);
+            if (chunkProbe.isObserved()) {
+                // Emplaced: a braced list would be copied into the map, the
+                // identifier's text with it.
+                UserInfo info;
+                info.emplace("chunk", std::move(*chunk));
+                info.emplace("identifier", fromZero ? endpoint0() : endpoint1());
+                NotificationCenter::defaultCenter().postNotification(kPXTCPFlowStreamChunkNotificationName,
+                                                                     shared_from_this(), std::move(info));
             }
         } else if (missing) {
             if (error) *error = kMissingBytes;

@@ -81,7 +81,6 @@ private:
     std::weak_ptr<PXTCPFlowTable> table_;
     std::uint64_t segments_[2] = {};
     std::uint64_t bytes_[2] = {};
-    ObserverProbe chunkProbe_{kPXTCPFlowStreamChunkNotificationName};
 };
 
 }  // namespace wireloom

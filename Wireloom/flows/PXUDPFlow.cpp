@@ -29,7 +29,9 @@ void PXUDPFlow::processPacket(const PXPacketPtr& packet, bool sourceIsZero, std:
         setEndpoint1ActivityTime(clockOf(table_.lock()));
     ++datagrams_[from];
     if (auto udp = packet->packetWithProtocol<PXUDPPacket>()) bytes_[from] += udp->payload().size();
-    if (packetProbe_.isObserved()) {
+    // One answer per thread serves every flow, as for TCP flows' chunks.
+    static thread_local ObserverProbe packetProbe(kPXUDPFlowPacketNotificationName);
+    if (packetProbe.isObserved()) {
         NotificationCenter::defaultCenter().postNotification(
             kPXUDPFlowPacketNotificationName, shared_from_this(),
             {{"packet", packet}, {"identifier", sourceIsZero ? endpoint0() : endpoint1()}});

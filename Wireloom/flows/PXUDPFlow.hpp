@@ -66,7 +66,6 @@ private:
     std::weak_ptr<PXUDPFlowTable> table_;
     std::uint64_t datagrams_[2] = {};
     std::uint64_t bytes_[2] = {};
-    ObserverProbe packetProbe_{kPXUDPFlowPacketNotificationName};
 };
 
 }  // namespace wireloom
