@@ -1,5 +1,6 @@
 #include <Wireloom/core/Assert.hpp>
 #include <Wireloom/core/ByteBuffer.hpp>
+#include <Wireloom/core/detail/BlockCache.hpp>
 
 #include <cstring>
 
@@ -18,8 +19,12 @@ ByteBuffer::ByteBuffer(std::vector<std::uint8_t>&& bytes) {
 
 ByteBuffer ByteBuffer::copy(const void* bytes, std::size_t length) {
     if (length == 0) return {};
-    // One allocation for the count and the bytes together.
-    std::shared_ptr<std::uint8_t[]> block = std::make_shared_for_overwrite<std::uint8_t[]>(length);
+    // One allocation for the count and the bytes together, from the thread's
+    // cache of blocks: a stream's chunks and a replay's frames are copied
+    // and dropped by the hundred thousand, most of them larger than what
+    // malloc keeps at hand.
+    std::shared_ptr<std::uint8_t[]> block =
+        std::allocate_shared_for_overwrite<std::uint8_t[]>(detail::CachedAllocator<std::uint8_t>(), length);
     std::memcpy(block.get(), bytes, length);
     return ByteBuffer(std::shared_ptr<const std::uint8_t>(block, block.get()), length);
 }

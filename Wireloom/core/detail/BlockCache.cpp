@@ -2,6 +2,7 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 
@@ -10,8 +11,14 @@ namespace wireloom::detail {
 namespace {
 
 constexpr std::size_t kGranule = 64;
-constexpr std::size_t kClasses = 16;  // blocks of up to 1 KiB
-constexpr std::uint8_t kDepth = 64;   // at most 64 KiB kept per class and thread
+constexpr std::size_t kClasses = 32;  // blocks of up to 2 KiB: a full-sized frame
+constexpr std::uint8_t kDepth = 64;   // blocks kept per class and thread, at most
+constexpr std::size_t kClassBytes = 64 * 1024;  // and at most so many bytes of them
+
+// 64 blocks up to 1 KiB, fewer of the larger ones.
+constexpr std::uint8_t depthOf(std::size_t c) noexcept {
+    return static_cast<std::uint8_t>(std::min<std::size_t>(kDepth, kClassBytes / ((c + 1) * kGranule)));
+}
 
 // Trivially destructible, so it can be read at any point of a thread's
 // exit; `closed` is set once the blocks have been given back.
@@ -52,7 +59,7 @@ void cachedFree(void* block, std::size_t size) noexcept {
     if (!block) return;
     const std::size_t c = classOf(size);
     // A block is kept only if it can serve any request of its class.
-    if (c >= kClasses || tCache.closed || tCache.counts[c] == kDepth ||
+    if (c >= kClasses || tCache.closed || tCache.counts[c] == depthOf(c) ||
         malloc_usable_size(block) < (c + 1) * kGranule) {
         std::free(block);
         return;

@@ -1,8 +1,9 @@
 #pragma once
 // Small heap blocks kept per thread for reuse. Report entries and styled
 // strings are made and dropped by the hundred thousand, a few dozen per
-// frame; malloc's own per-thread cache keeps only a handful of blocks of a
-// size, and past that every free and malloc takes its slow path.
+// frame, and so are copies of frame-sized byte buffers (a stream's chunks);
+// malloc's own per-thread cache keeps only a handful of blocks of a size,
+// none above 1 KiB, and past that every free and malloc takes its slow path.
 //
 // Blocks are ordinary malloc blocks (of the size rounded up to a multiple
 // of 64 bytes), so any of them may also be given to free(), and a block
