@@ -21,11 +21,13 @@ void PXTime::updateCurrentTime(double time) {
     // By index, with the size read afresh each turn: targets may append
     // timers (examined in this same walk) or invalidate them.
     for (std::size_t index = 0; index < timers_.size();) {
-        PXTimerPtr timer = timers_[index];  // alive through its own call
-        if (!(time - timer->lastFireTime_ > timer->interval_)) {
+        // A replay updates the clock for every record, and most timers are
+        // not due: only one that fires is held, alive through its own call.
+        if (const PXTimer& waiting = *timers_[index]; !(time - waiting.lastFireTime_ > waiting.interval_)) {
             ++index;
             continue;
         }
+        PXTimerPtr timer = timers_[index];
         timer->fire();
         timer->lastFireTime_ = time;
         if (timer->repeats_) {
