@@ -3,6 +3,7 @@
 // and python3; skips with the reason otherwise.
 #include <gtest/gtest.h>
 #include "support/Paths.hpp"
+#include "support/Processes.hpp"
 
 #include <unistd.h>
 
@@ -21,36 +22,7 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-
-bool have(const char* program) {
-    return std::system((std::string("command -v ") + program + " >/dev/null 2>&1").c_str()) == 0;
-}
-
-std::string output(const std::string& command) {
-    std::string text;
-    if (std::FILE* pipe = popen(command.c_str(), "r")) {
-        char chunk[4096];
-        while (std::size_t n = std::fread(chunk, 1, sizeof chunk, pipe)) text.append(chunk, n);
-        pclose(pipe);
-    }
-    return text;
-}
-
-// Starts a command in the background, its output going to log, and returns
-// its process id.
-std::string spawn(const std::string& command, const fs::path& log) {
-    std::string pid = output("exec " + command + " >" + log.string() + " 2>&1 & echo $!");
-    while (!pid.empty() && (pid.back() == '\n' || pid.back() == ' ')) pid.pop_back();
-    return pid;
-}
-
-void waitFor(const fs::path& log, const std::string& text) {
-    for (int i = 0; i < 200 && output("cat " + log.string()).find(text) == std::string::npos; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-}
-
-}  // namespace
+using namespace wireloom::testing;
 
 TEST(RealLoopbackCapture, ReadDecodesCurlTalkingToHttpServer) {
     fs::path wireloom = wireloom::testing::binaryDir() / "cli" / "wireloom";

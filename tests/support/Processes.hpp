@@ -1,0 +1,43 @@
+#pragma once
+// Other programs for the tests that drive real traffic: whether one is
+// installed, its output, and servers or capturers left running in the
+// background until the test kills them.
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+namespace wireloom::testing {
+
+inline bool have(const char* program) {
+    return std::system((std::string("command -v ") + program + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// What a shell command writes to its standard output.
+inline std::string output(const std::string& command) {
+    std::string text;
+    if (std::FILE* pipe = popen(command.c_str(), "r")) {
+        char chunk[4096];
+        while (std::size_t n = std::fread(chunk, 1, sizeof chunk, pipe)) text.append(chunk, n);
+        pclose(pipe);
+    }
+    return text;
+}
+
+// Starts a command in the background, its output going to log, and returns
+// its process id.
+inline std::string spawn(const std::string& command, const std::filesystem::path& log) {
+    std::string pid = output("exec " + command + " >" + log.string() + " 2>&1 & echo $!");
+    while (!pid.empty() && (pid.back() == '\n' || pid.back() == ' ')) pid.pop_back();
+    return pid;
+}
+
+// Until the log says `text`, or 10 seconds.
+inline void waitFor(const std::filesystem::path& log, const std::string& text) {
+    for (int i = 0; i < 200 && output("cat " + log.string()).find(text) == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+}
+
+}  // namespace wireloom::testing
