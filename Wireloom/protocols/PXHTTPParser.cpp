@@ -156,7 +156,9 @@ std::optional<std::string> PXHTTPParser::nextLineFromBytes(const std::uint8_t* b
 
 std::optional<HTTPHeaderFields> PXHTTPParser::parseHTTPFrameFrom(MutableByteBuffer& buffer,
                                                                  std::optional<ByteBuffer>* payload,
-                                                                 std::vector<std::string>* initialLine) {
+                                                                 std::vector<std::string>* initialLine,
+                                                                 std::size_t* wholeAt) {
+    if (wholeAt) *wholeAt = 0;
     std::optional<std::string> line = nextLineFromBytes(buffer.data(), buffer.size());
     if (!line) return std::nullopt;
     // Counted in characters, as the platform's strings count them; header
@@ -192,7 +194,10 @@ std::optional<HTTPHeaderFields> PXHTTPParser::parseHTTPFrameFrom(MutableByteBuff
     if (const std::string* length = header.find("Content-Length")) {
         // A negative length is never satisfied: the message stays incomplete.
         const std::int64_t bodyLength = int32Value(*length);
-        if (bodyLength < 0 || static_cast<std::uint64_t>(bodyLength) > buffer.size() - consumed) return std::nullopt;
+        if (bodyLength < 0 || static_cast<std::uint64_t>(bodyLength) > buffer.size() - consumed) {
+            if (wholeAt) *wholeAt = bodyLength < 0 ? SIZE_MAX : consumed + static_cast<std::size_t>(bodyLength);
+            return std::nullopt;
+        }
         body = ByteBuffer::copy(buffer.data() + consumed, static_cast<std::size_t>(bodyLength));
         consumed += static_cast<std::size_t>(bodyLength);
     }

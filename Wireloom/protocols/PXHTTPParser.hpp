@@ -63,9 +63,14 @@ public:
     // nothing without the field) and its start line split in three
     // (*initialLine: the first two words and the rest). Nothing when no
     // complete message is there, or the front was malformed and discarded.
+    // *wholeAt, if asked for, is the buffer size from which the message at
+    // the front is complete when only its body is still short (SIZE_MAX if
+    // never), and 0 otherwise: a caller that only appends can wait until
+    // then instead of parsing the same header again for every chunk.
     static std::optional<HTTPHeaderFields> parseHTTPFrameFrom(MutableByteBuffer& buffer,
                                                               std::optional<ByteBuffer>* payload,
-                                                              std::vector<std::string>* initialLine);
+                                                              std::vector<std::string>* initialLine,
+                                                              std::size_t* wholeAt = nullptr);
 
     // Every field of a raw header block, in order, duplicates kept; nothing
     // when the block is not ASCII.

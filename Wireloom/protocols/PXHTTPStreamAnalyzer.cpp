@@ -4,6 +4,8 @@ namespace wireloom {
 
 namespace {
 
+constexpr std::size_t kReserveAhead = 16 << 20;
+
 // "HTTP/1.1" as ("HTTP", "1.1"); ("unknown", "unknown") unless the word
 // splits into exactly two parts.
 std::pair<std::string, std::string> protocolAndVersion(const std::string& word) {
@@ -72,17 +74,28 @@ void PXHTTPStreamAnalyzer::processTCPStreamChunkNotification(const Notification&
     if (!chunk || !identifier) return;
     const bool fromZero = *identifier == flow_->endpoint0();
     MutableByteBuffer& pending = fromZero ? endpoint0Outgoing_ : endpoint1Outgoing_;
+    std::size_t& wholeAt = fromZero ? endpoint0WholeAt_ : endpoint1WholeAt_;
     pending.append(*chunk);
+    // A message whose body is still short stays so, header and all, until
+    // its last byte is in: parsing its header again for every segment of a
+    // large body would cost more than everything else here.
+    if (pending.size() < wholeAt) return;
     const bool fromClient = fromZero == clientIsEndpoint0_;
     std::optional<ByteBuffer> body;
     std::vector<std::string> startLine;
     // Every message the chunk completes, pipelined ones included.
-    while (std::optional<HTTPHeaderFields> header = PXHTTPParser::parseHTTPFrameFrom(pending, &body, &startLine)) {
+    while (std::optional<HTTPHeaderFields> header =
+               PXHTTPParser::parseHTTPFrameFrom(pending, &body, &startLine, &wholeAt)) {
         if (fromClient)
             handleRequest(fromZero, startLine, *header, body);
         else
             handleResponse(fromZero, startLine, *header, body);
     }
+    // Room for the rest of the body at once, rather than a buffer doubling
+    // as it comes; not for lengths so large that they are more likely
+    // garbage than a body on its way.
+    if (wholeAt != SIZE_MAX && wholeAt > pending.size() && wholeAt - pending.size() <= kReserveAhead)
+        pending.reserve(wholeAt);
 }
 
 void PXHTTPStreamAnalyzer::handleRequest(bool fromZero, std::vector<std::string>& startLine, HTTPHeaderFields& header,

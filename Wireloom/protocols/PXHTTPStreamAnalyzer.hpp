@@ -85,6 +85,9 @@ private:
     bool clientIsEndpoint0_;
     MutableByteBuffer endpoint0Outgoing_;
     MutableByteBuffer endpoint1Outgoing_;
+    // The size each buffer must reach before its front message can be whole.
+    std::size_t endpoint0WholeAt_ = 0;
+    std::size_t endpoint1WholeAt_ = 0;
     Value pendingRequestContext_;
 };
 

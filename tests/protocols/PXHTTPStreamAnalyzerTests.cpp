@@ -80,6 +80,25 @@ TEST_F(PXHTTPStreamAnalyzerTest, RequestSplitOverThreeChunksComesOutOnceWhole) {
     EXPECT_EQ(analyzer->pendingRequestContext().string() ? *analyzer->pendingRequestContext().string() : "", "/notes");
 }
 
+// A body in many chunks, the last of which also starts the next message:
+// waiting for the body's last byte must neither miss nor repeat a message.
+TEST_F(PXHTTPStreamAnalyzerTest, BodyInManyChunksThenTheNextMessageBehindIt) {
+    send(false, "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n01");
+    send(false, "2345");
+    send(false, "678");
+    EXPECT_TRUE(delegate->responses.empty());
+    send(false, "9HTTP/1.1 404 Not Found\r\nContent-Length: 3\r\n\r\nno");
+    ASSERT_EQ(delegate->responses.size(), 1u);
+    EXPECT_EQ(delegate->responses[0]->content()->stringView(), "0123456789");
+    send(false, "!HTTP/1.1 304 Not Modified\r\n");
+    ASSERT_EQ(delegate->responses.size(), 2u);
+    EXPECT_EQ(delegate->responses[1]->content()->stringView(), "no!");
+    send(false, "\r\n");
+    ASSERT_EQ(delegate->responses.size(), 3u);
+    EXPECT_EQ(delegate->responses[2]->statusCode(), 304);
+    EXPECT_EQ(analyzer->endpoint0Outgoing().size(), 0u);
+}
+
 TEST_F(PXHTTPStreamAnalyzerTest, PipelinedRequestsLeaveTheSecondResponseWithoutContext) {
     send(true, "GET /a HTTP/1.1\r\n\r\nGET /b HTTP\r\n\r\n");
     ASSERT_EQ(delegate->requests.size(), 2u);
