@@ -9,6 +9,11 @@ namespace wireloom {
 
 namespace {
 
+// Bodies from this size up may keep the buffer they arrived in: copying
+// them out is then the largest cost of a message, and the header bytes
+// they keep alive beside them are few in comparison.
+constexpr std::int64_t kLargeBody = 64 << 10;
+
 // The length of the valid UTF-8 sequence at `p` (at most `n` bytes) and its
 // code point, or 0 when the bytes there are not one.
 std::size_t decodeUTF8(const std::uint8_t* p, std::size_t n, char32_t* codePoint) {
@@ -198,8 +203,16 @@ std::optional<HTTPHeaderFields> PXHTTPParser::parseHTTPFrameFrom(MutableByteBuff
             if (wholeAt) *wholeAt = bodyLength < 0 ? SIZE_MAX : consumed + static_cast<std::size_t>(bodyLength);
             return std::nullopt;
         }
-        body = ByteBuffer::copy(buffer.data() + consumed, static_cast<std::size_t>(bodyLength));
+        const std::size_t start = consumed;
         consumed += static_cast<std::size_t>(bodyLength);
+        if (consumed == buffer.size() && bodyLength >= kLargeBody) {
+            // The message is all the buffer holds: its bytes become the
+            // body's, header and all, rather than a copy of them.
+            body = buffer.take().subrange(start);
+            consumed = 0;
+        } else {
+            body = ByteBuffer::copy(buffer.data() + start, static_cast<std::size_t>(bodyLength));
+        }
     }
     removeFront(buffer, consumed);
     if (payload) *payload = std::move(body);

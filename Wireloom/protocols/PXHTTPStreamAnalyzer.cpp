@@ -91,11 +91,15 @@ void PXHTTPStreamAnalyzer::processTCPStreamChunkNotification(const Notification&
         else
             handleResponse(fromZero, startLine, *header, body);
     }
-    // Room for the rest of the body at once, rather than a buffer doubling
-    // as it comes; not for lengths so large that they are more likely
-    // garbage than a body on its way.
-    if (wholeAt != SIZE_MAX && wholeAt > pending.size() && wholeAt - pending.size() <= kReserveAhead)
-        pending.reserve(wholeAt);
+    // Room for exactly the rest of the body, rather than a buffer doubling
+    // as it comes: a large body keeps the buffer it completes (the parser
+    // hands it over), so it had better not hold spare room. Not for lengths
+    // so large that they are more likely garbage than a body on its way.
+    if (wholeAt != SIZE_MAX && wholeAt > pending.size() && wholeAt - pending.size() <= kReserveAhead) {
+        MutableByteBuffer room(wholeAt);
+        room.append(pending.data(), pending.size());
+        pending = std::move(room);
+    }
 }
 
 void PXHTTPStreamAnalyzer::handleRequest(bool fromZero, std::vector<std::string>& startLine, HTTPHeaderFields& header,

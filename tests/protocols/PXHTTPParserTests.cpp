@@ -92,6 +92,22 @@ TEST(PXHTTPParser, CutsPipelinedMessagesAndTheirBodies) {
     EXPECT_FALSE(parse(buffer).header);
 }
 
+// Large bodies may take over the buffer's bytes instead of being copied out:
+// whether or not another message follows, the body and the rest come out the same.
+TEST(PXHTTPParser, LargeBodiesWithAndWithoutAMessageBehind) {
+    std::string body(100'000, 'b');
+    body.front() = '<', body.back() = '>';
+    for (const std::string behind : {"", "GET / HTTP/1.1\r\n"}) {
+        MutableByteBuffer buffer = bufferOf("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n" + body + behind);
+        Parsed parsed = parse(buffer);
+        ASSERT_TRUE(parsed.header && parsed.body) << behind;
+        EXPECT_EQ(parsed.body->stringView(), body) << behind;
+        EXPECT_EQ(textOf(buffer), behind);
+        buffer.append(std::string_view("more"));
+        EXPECT_EQ(parsed.body->stringView(), body) << "the buffer's later bytes are not the body's";
+    }
+}
+
 TEST(PXHTTPParser, CountsTheStartLineInCharactersAndHeaderLinesInBytes) {
     // "é" is one character but two bytes: the header scan starts one byte
     // early, inside the start line's line end, and reads an empty line there.
