@@ -1,14 +1,22 @@
 #include "TrafficMix.hpp"
 
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <new>
+
+extern char** environ;
 
 // Every operator new of the process, the peers' included, comes through here
 // so that a pass can count its allocations. A plain increment is noise beside
@@ -279,6 +287,43 @@ std::string cpuModel() {
     for (std::string line; std::getline(cpuinfo, line);)
         if (line.rfind("model name", 0) == 0) return line.substr(line.find(':') + 2);
     return "unknown";
+}
+
+bool runProcess(const std::vector<std::string>& argv, ProcessRun* run, bool quiet) {
+    int out[2];
+    if (pipe(out) != 0) return false;
+    std::vector<char*> args;
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_addclose(&actions, out[0]);
+    if (quiet) posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    const auto start = std::chrono::steady_clock::now();
+    pid_t pid = 0;
+    const int failed = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(out[1]);
+    run->output.clear();
+    char buffer[65536];
+    for (ssize_t n; (n = read(out[0], buffer, sizeof buffer)) > 0;) run->output.append(buffer, static_cast<std::size_t>(n));
+    close(out[0]);
+    if (failed) {
+        std::fprintf(stderr, "cannot start %s: %s\n", args[0], std::strerror(failed));
+        return false;
+    }
+    int status = 0;
+    rusage usage{};
+    if (wait4(pid, &status, 0, &usage) != pid) return false;
+    run->wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6; };
+    run->cpu = seconds(usage.ru_utime) + seconds(usage.ru_stime);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        std::fprintf(stderr, "%s failed (status %d)\n", args[0], status);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace wireloom::bench

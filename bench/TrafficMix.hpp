@@ -121,6 +121,17 @@ double threadSeconds();
 double median(std::vector<double> values);
 std::string cpuModel();
 
+// A program run to its end: what it wrote to its standard output, and its
+// CPU (user and system) and wall seconds.
+struct ProcessRun {
+    std::string output;
+    double cpu = 0, wall = 0;
+};
+// argv[0] is looked up in PATH. False, with a message, if the program could
+// not be started or did not exit with 0. Its standard error is kept unless
+// quiet.
+bool runProcess(const std::vector<std::string>& argv, ProcessRun* run, bool quiet = false);
+
 // The options every benchmark takes: --megabytes of frames to generate,
 // --repetitions of each pass, --only one pass.
 struct CommonOptions {
