@@ -89,26 +89,14 @@ std::string_view trimmed(std::string_view text, Drop drop) {
     return text.substr(begin, end - begin);
 }
 
-std::vector<std::string_view> split(std::string_view text, std::string_view separator) {
-    std::vector<std::string_view> parts;
-    for (std::size_t start = 0;;) {
-        const std::size_t found = text.find(separator, start);
-        if (found == std::string_view::npos) {
-            parts.push_back(text.substr(start));
-            return parts;
-        }
-        parts.push_back(text.substr(start, found - start));
-        start = found + separator.size();
-    }
-}
-
-std::string joined(const std::vector<std::string_view>& parts, std::size_t from, std::string_view separator) {
-    std::string text;
-    for (std::size_t i = from; i < parts.size(); ++i) {
-        if (i > from) text += separator;
-        text += parts[i];
-    }
-    return text;
+// The line at `bytes`, up to and including its line feed, when there is one
+// and it is UTF-8; *utf16Units, if asked for, is its length in characters.
+std::optional<std::string_view> lineAt(const std::uint8_t* bytes, std::size_t length, std::size_t* utf16Units) {
+    const void* lineFeed = length ? std::memchr(bytes, '\n', length) : nullptr;
+    if (!lineFeed) return std::nullopt;
+    const std::size_t lineLength = static_cast<std::size_t>(static_cast<const std::uint8_t*>(lineFeed) - bytes) + 1;
+    if (!validUTF8(bytes, lineLength, utf16Units)) return std::nullopt;
+    return std::string_view(reinterpret_cast<const char*>(bytes), lineLength);
 }
 
 // The platform's reading of a number as a 32-bit int: white space, a sign,
@@ -152,11 +140,9 @@ void HTTPHeaderFields::set(std::string name, std::string value) {
 }
 
 std::optional<std::string> PXHTTPParser::nextLineFromBytes(const std::uint8_t* bytes, std::size_t length) {
-    const void* lineFeed = length ? std::memchr(bytes, '\n', length) : nullptr;
-    if (!lineFeed) return std::nullopt;
-    const std::size_t lineLength = static_cast<std::size_t>(static_cast<const std::uint8_t*>(lineFeed) - bytes) + 1;
-    if (!validUTF8(bytes, lineLength, nullptr)) return std::nullopt;
-    return std::string(reinterpret_cast<const char*>(bytes), lineLength);
+    const std::optional<std::string_view> line = lineAt(bytes, length, nullptr);
+    if (!line) return std::nullopt;
+    return std::string(*line);
 }
 
 std::optional<HTTPHeaderFields> PXHTTPParser::parseHTTPFrameFrom(MutableByteBuffer& buffer,
@@ -164,35 +150,43 @@ std::optional<HTTPHeaderFields> PXHTTPParser::parseHTTPFrameFrom(MutableByteBuff
                                                                  std::vector<std::string>* initialLine,
                                                                  std::size_t* wholeAt) {
     if (wholeAt) *wholeAt = 0;
-    std::optional<std::string> line = nextLineFromBytes(buffer.data(), buffer.size());
-    if (!line) return std::nullopt;
     // Counted in characters, as the platform's strings count them; header
     // lines below are counted in bytes. The two agree for the ASCII start
     // lines of real traffic.
     std::size_t consumed = 0;
-    validUTF8(reinterpret_cast<const std::uint8_t*>(line->data()), line->size(), &consumed);
-    const std::vector<std::string_view> words = split(trimmed(*line, isWhiteSpaceOrLineEnd), " ");
-    if (words.size() < 3) {
-        Log::error("Invalid components... %s", line->c_str());
+    const std::optional<std::string_view> line = lineAt(buffer.data(), buffer.size(), &consumed);
+    if (!line) return std::nullopt;
+    // Split at single spaces, the third component being everything after
+    // the second space: the words after it joined again with spaces.
+    const std::string_view words = trimmed(*line, isWhiteSpaceOrLineEnd);
+    const std::size_t first = words.find(' ');
+    const std::size_t second = first == std::string_view::npos ? first : words.find(' ', first + 1);
+    if (second == std::string_view::npos) {
+        Log::error("Invalid components... %s", std::string(*line).c_str());
         buffer.clear();
         return std::nullopt;
     }
-    std::vector<std::string> components = {std::string(words[0]), std::string(words[1]), joined(words, 2, " ")};
+    std::vector<std::string> components = {std::string(words.substr(0, first)),
+                                           std::string(words.substr(first + 1, second - first - 1)),
+                                           std::string(words.substr(second + 1))};
 
     HTTPHeaderFields header;
     for (;;) {
         if (consumed > buffer.size()) return std::nullopt;
-        std::optional<std::string> headerLine = nextLineFromBytes(buffer.data() + consumed, buffer.size() - consumed);
+        const std::optional<std::string_view> headerLine =
+            lineAt(buffer.data() + consumed, buffer.size() - consumed, nullptr);
         if (!headerLine) return std::nullopt;
         consumed += headerLine->size();
         const std::string_view field = trimmed(*headerLine, isLineEnd);
         if (field.empty()) break;
-        const std::vector<std::string_view> parts = split(field, ": ");
-        if (parts.size() < 2) {
+        // The name ends at the first ": "; the value is all the rest, later
+        // ": " included.
+        const std::size_t colon = field.find(": ");
+        if (colon == std::string_view::npos) {
             buffer.clear();
             return std::nullopt;
         }
-        header.set(std::string(parts[0]), joined(parts, 1, ": "));
+        header.set(std::string(field.substr(0, colon)), std::string(field.substr(colon + 2)));
     }
 
     std::optional<ByteBuffer> body;
