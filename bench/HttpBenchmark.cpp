@@ -157,7 +157,8 @@ private:
     Result& result_;
 };
 
-Result exchangesWithWireloom(const std::string& path) {
+// Not inlined, so that callgrind's --toggle-collect can find the passes.
+[[gnu::noinline]] Result exchangesWithWireloom(const std::string& path) {
     return timed([&](Result& result) {
         std::string error;
         auto file = PXCaptureFile::open(path, &error);
@@ -236,7 +237,7 @@ private:
     std::uint64_t bodyLeft_ = 0;
 };
 
-Result exchangesWithLibtins(const std::string& path) {
+[[gnu::noinline]] Result exchangesWithLibtins(const std::string& path) {
     return timed([&](Result& result) {
         Tins::TCPIP::StreamFollower follower;
         follower.new_stream_callback([&](Tins::TCPIP::Stream& stream) {
