@@ -34,8 +34,6 @@
 #include <Wireloom/flows/PXTCPFlowTable.hpp>
 
 #include <malloc.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <tins/tcp_ip/stream_follower.h>
 #include <tins/tins.h>
 #include <unistd.h>
@@ -49,8 +47,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
@@ -207,26 +203,10 @@ int runPass(const std::string& pass, const std::string& path, std::uint64_t idle
 
 // Runs this program again as `--run pass`, and reads back its result line.
 bool spawnPass(const std::string& pass, const std::string& path, std::uint64_t idleFlows, Result* result) {
-    int out[2];
-    if (pipe(out) != 0) return false;
-    const std::string flows = std::to_string(idleFlows);
-    const char* argv[] = {"flow_benchmark", "--run", pass.c_str(), "--file", path.c_str(),
-                          "--idle-flows", flows.c_str(), nullptr};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_addclose(&actions, out[0]);
-    pid_t pid = 0;
-    const int failed =
-        posix_spawn(&pid, "/proc/self/exe", &actions, nullptr, const_cast<char* const*>(argv), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(out[1]);
-    std::string line;
-    char buffer[256];
-    for (ssize_t n; (n = read(out[0], buffer, sizeof buffer)) > 0;) line.append(buffer, static_cast<std::size_t>(n));
-    close(out[0]);
-    int status = 0;
-    if (failed || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return false;
+    ProcessRun run;
+    if (!runProcess({"/proc/self/exe", "--run", pass, "--file", path, "--idle-flows", std::to_string(idleFlows)}, &run))
+        return false;
+    const std::string& line = run.output;
     unsigned long long client = 0, server = 0, flowCount = 0;
     Result& r = *result;
     if (std::sscanf(line.c_str(), "%lf %lf %llu %llu %ld %ld %llu %lld %ld", &r.cpu, &r.wall, &client, &server,
