@@ -1,0 +1,52 @@
+#include <Wireloom/core/detail/UTF8.hpp>
+#include <Wireloom/protocols/DNSNameReader.hpp>
+
+namespace wireloom {
+
+std::optional<std::string> readFullyQualitifiedDomainName(const std::uint8_t* messageStart, std::size_t messageLength,
+                                                          detail::ByteReader& cursor, std::uint32_t& consumed,
+                                                          std::string partialName, int depth) {
+    if (depth > kDNSNameMaxPointerDepth) return std::nullopt;
+    std::string name = std::move(partialName);
+    if (name.empty()) name.reserve(64);
+
+    // A pointer hands reading over to a cursor of its own at the target, as a
+    // nested read would, so the loop needs no recursion. What that cursor
+    // reads is counted into a scratch count.
+    detail::ByteReader* reader = &cursor;
+    detail::ByteReader followed(messageStart, 0);
+    std::uint32_t scratch = 0;
+    std::uint32_t* counted = &consumed;
+    for (;;) {
+        if (reader->remaining() == 0) return std::nullopt;
+        const std::uint8_t length = reader->readByte();
+        ++*counted;
+        if (length == 0) return name;
+
+        if (messageStart && (length & 0xC0) == 0xC0) {
+            if (reader->remaining() == 0) return std::nullopt;
+            const std::size_t offset = static_cast<std::size_t>(length & 0x3F) << 8 | reader->readByte();
+            ++*counted;
+            if (offset >= messageLength || ++depth > kDNSNameMaxPointerDepth) return std::nullopt;
+            followed = detail::ByteReader(messageStart + offset, messageLength - offset);
+            reader = &followed;
+            counted = &scratch;
+            continue;
+        }
+
+        if (!name.empty()) name += '.';
+        // One byte more than the label must remain: the name cannot end
+        // without its terminator or a pointer.
+        if (reader->remaining() <= length) return std::nullopt;
+        const std::size_t at = reader->offset();
+        const std::uint8_t* label = reader->readBytes(length);
+        if (!detail::validUTF8(label, length)) {
+            reader->seek(at);
+            return std::nullopt;
+        }
+        *counted += length;
+        name.append(reinterpret_cast<const char*>(label), length);
+    }
+}
+
+}  // namespace wireloom
