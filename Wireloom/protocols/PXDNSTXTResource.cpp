@@ -46,7 +46,7 @@ PXDNSTXTResource::Dictionary PXDNSTXTResource::dictionaryFromTXTRecordData(std::
 
 std::shared_ptr<PXReportAnalyzerEntry> PXDNSTXTResource::reportAnalyzerEntry() const {
     auto entry = PXDNSResource::reportAnalyzerEntry();
-    for (const auto& [key, value] : txt_) entry->addLineWithKey(key, value);
+    for (const auto& [key, value] : txt()) entry->addLineWithKey(key, value);
     return entry;
 }
 

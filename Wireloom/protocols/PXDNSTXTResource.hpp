@@ -12,6 +12,7 @@
 #include <Wireloom/protocols/PXDNSResource.hpp>
 
 #include <map>
+#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
@@ -23,12 +24,24 @@ public:
     using Dictionary = std::map<std::string, Value, std::less<>>;
     std::string className() const override { return "PXDNSTXTResource"; }
 
+    PXDNSTXTResource() = default;
+    // Keeps the record's data; the dictionary is read from it when first
+    // asked for. Most decoded messages are never looked into, and the parse
+    // costs a dozen allocations.
+    explicit PXDNSTXTResource(ByteBuffer data) : data_(std::move(data)) {}
+
     // The keys in the map's order (sorted), each with a string or a ByteBuffer.
-    const Dictionary& txt() const noexcept { return txt_; }
-    void setTxt(Dictionary txt) { txt_ = std::move(txt); }
+    const Dictionary& txt() const {
+        std::call_once(parsed_, [this] { txt_ = dictionaryFromTXTRecordData(data_.span()); });
+        return txt_;
+    }
+    void setTxt(Dictionary txt) {
+        std::call_once(parsed_, [] {});
+        txt_ = std::move(txt);
+    }
     const Value* valueForKey(std::string_view key) const {
-        auto found = txt_.find(key);
-        return found == txt_.end() ? nullptr : &found->second;
+        auto found = txt().find(key);
+        return found == txt().end() ? nullptr : &found->second;
     }
 
     // The dictionary of TXT record data; empty when the data is not a run of
@@ -38,7 +51,9 @@ public:
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
 
 private:
-    Dictionary txt_;
+    ByteBuffer data_;
+    mutable std::once_flag parsed_;
+    mutable Dictionary txt_;
 };
 
 }  // namespace wireloom

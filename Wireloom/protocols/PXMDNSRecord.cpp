@@ -1,5 +1,6 @@
 #include <Wireloom/core/detail/ByteReader.hpp>
 #include <Wireloom/packets/PXIPv6Packet.hpp>
+#include <Wireloom/packets/detail/FrameArena.hpp>
 #include <Wireloom/protocols/DNSNameReader.hpp>
 #include <Wireloom/protocols/PXDNSIPv6AddressResource.hpp>
 #include <Wireloom/protocols/PXDNSPTRResource.hpp>
@@ -12,6 +13,15 @@ namespace wireloom {
 namespace {
 
 enum : std::uint16_t { kTypePTR = 12, kTypeTXT = 16, kTypeAAAA = 28, kTypeSRV = 33 };
+
+// While a frame is decoded, its resources go into the frame's block with the
+// packets: a bump of a pointer instead of a malloc each.
+template <class T, class... Args>
+std::shared_ptr<T> newResource(Args&&... args) {
+    if (detail::FrameArena* arena = detail::tCurrentFrameArena)
+        return std::allocate_shared<T>(detail::FrameArenaAllocator<T>(arena), std::forward<Args>(args)...);
+    return std::make_shared<T>(std::forward<Args>(args)...);
+}
 
 // The name at a message offset; its consumed count is of no interest.
 std::optional<std::string> nameAt(std::span<const std::uint8_t> message, std::size_t offset) {
@@ -30,7 +40,7 @@ void PXMDNSRecord::parseResourceDataWithMessageBody(std::span<const std::uint8_t
         // Seven bytes at the least: the three words and one byte of target.
         if (resourceData_.size() < 7) return;
         detail::ByteReader r(resourceData_.span());
-        auto srv = std::make_shared<PXDNSSRVResource>();
+        auto srv = newResource<PXDNSSRVResource>();
         srv->setPriority(r.readBE<std::uint16_t>());
         srv->setWeight(r.readBE<std::uint16_t>());
         srv->setPort(r.readBE<std::uint16_t>());
@@ -41,20 +51,18 @@ void PXMDNSRecord::parseResourceDataWithMessageBody(std::span<const std::uint8_t
         return;
     }
     case kTypePTR: {
-        auto ptr = std::make_shared<PXDNSPTRResource>();
+        auto ptr = newResource<PXDNSPTRResource>();
         ptr->setCanonicalName(nameAt(message, offset));
         resource_ = std::move(ptr);
         return;
     }
     case kTypeTXT: {
-        auto txt = std::make_shared<PXDNSTXTResource>();
-        txt->setTxt(PXDNSTXTResource::dictionaryFromTXTRecordData(resourceData_.span()));
-        resource_ = std::move(txt);
+        resource_ = newResource<PXDNSTXTResource>(resourceData_);
         return;
     }
     case kTypeAAAA: {
         if (resourceData_.size() < 16) return;
-        auto aaaa = std::make_shared<PXDNSIPv6AddressResource>();
+        auto aaaa = newResource<PXDNSIPv6AddressResource>();
         aaaa->setIpv6Address(PXIPv6Packet::stringFromIPv6Address(resourceData_.data()));
         resource_ = std::move(aaaa);
         return;

@@ -29,7 +29,7 @@ std::size_t decodeUTF8(const std::uint8_t* p, std::size_t n, char32_t* codePoint
     return length;
 }
 
-bool validUTF8(const std::uint8_t* p, std::size_t n, std::size_t* utf16Units) noexcept {
+bool validUTF8Counting(const std::uint8_t* p, std::size_t n, std::size_t* utf16Units) noexcept {
     std::size_t units = 0;
     for (std::size_t i = 0; i < n;) {
         if (p[i] < 0x80) {

@@ -14,6 +14,16 @@ std::size_t decodeUTF8(const std::uint8_t* p, std::size_t n, char32_t* codePoint
 
 // Whether the bytes are UTF-8, and, when asked, how many UTF-16 units their
 // text has (the platform's string length).
-bool validUTF8(const std::uint8_t* p, std::size_t n, std::size_t* utf16Units = nullptr) noexcept;
+bool validUTF8Counting(const std::uint8_t* p, std::size_t n, std::size_t* utf16Units) noexcept;
+inline bool validUTF8(const std::uint8_t* p, std::size_t n, std::size_t* utf16Units = nullptr) noexcept {
+    // Names and keys are nearly always ASCII, and short: a plain scan answers
+    // them without the decoder.
+    if (!utf16Units) {
+        std::size_t i = 0;
+        while (i < n && p[i] < 0x80) ++i;
+        if (i == n) return true;
+    }
+    return validUTF8Counting(p, n, utf16Units);
+}
 
 }  // namespace wireloom::detail
