@@ -7,8 +7,13 @@ std::optional<std::string> readFullyQualitifiedDomainName(const std::uint8_t* me
                                                           detail::ByteReader& cursor, std::uint32_t& consumed,
                                                           std::string partialName, int depth) {
     if (depth > kDNSNameMaxPointerDepth) return std::nullopt;
-    std::string name = std::move(partialName);
-    if (name.empty()) name.reserve(64);
+    // Moving an empty partial name still copies its inline buffer, with a
+    // slow string instruction: only a name begun elsewhere is taken over.
+    std::string name;
+    if (partialName.empty())
+        name.reserve(64);
+    else
+        name = std::move(partialName);
 
     // A pointer hands reading over to a cursor of its own at the target, as a
     // nested read would, so the loop needs no recursion. What that cursor

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace wireloom::detail {
 
@@ -20,6 +21,10 @@ inline bool validUTF8(const std::uint8_t* p, std::size_t n, std::size_t* utf16Un
     // them without the decoder.
     if (!utf16Units) {
         std::size_t i = 0;
+        for (std::uint64_t word; i + 8 <= n; i += 8) {
+            std::memcpy(&word, p + i, 8);
+            if (word & 0x8080808080808080u) break;
+        }
         while (i < n && p[i] < 0x80) ++i;
         if (i == n) return true;
     }
