@@ -5,11 +5,11 @@
 // the reason otherwise.
 #include <gtest/gtest.h>
 #include "support/Paths.hpp"
+#include "support/Processes.hpp"
 
 #include <Wireloom/packets/PXIPv6Packet.hpp>
 
 #include <arpa/inet.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
@@ -25,24 +25,10 @@
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+using wireloom::testing::have;
+using wireloom::testing::output;
 
 namespace {
-
-struct Result {
-    int status = -1;
-    std::string out;
-};
-
-Result run(const std::string& command) {
-    Result r;
-    if (std::FILE* pipe = popen(command.c_str(), "r")) {
-        char chunk[4096];
-        while (std::size_t n = std::fread(chunk, 1, sizeof chunk, pipe)) r.out.append(chunk, n);
-        const int status = pclose(pipe);
-        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    return r;
-}
 
 std::vector<std::string> split(const std::string& text, char separator) {
     std::vector<std::string> parts;
@@ -118,25 +104,27 @@ Fields normalised(Fields f) {
 TEST(AvahiNetnsCapture, EveryMessageReadsAsTsharkReadsIt) {
     const fs::path wireloom = wireloom::testing::binaryDir() / "cli" / "wireloom";
     if (!fs::exists(wireloom)) GTEST_SKIP() << "the wireloom command was not built";
-    if (run("command -v tshark >/dev/null 2>&1").status != 0) GTEST_SKIP() << "tshark is not installed";
+    if (!have("tshark")) GTEST_SKIP() << "tshark is not installed";
     const fs::path dir = fs::path(::testing::TempDir()) / ("avahi-" + std::to_string(getpid()));
     fs::create_directories(dir);
     const fs::path capture = dir / "mdns.pcap";
     const fs::path script = wireloom::testing::sourceDir() / "tests" / "cli" / "avahi-in-netns.sh";
-    const Result traffic =
-        run("bash " + script.string() + " " + wireloom.string() + " " + capture.string() + " 2>" + (dir / "why").string());
-    if (traffic.status == 77) {
+    int status = -1;
+    const std::string traffic = output(
+        "bash " + script.string() + " " + wireloom.string() + " " + capture.string() + " 2>" + (dir / "why").string(),
+        &status);
+    if (status == 77) {
         std::ifstream why(dir / "why");
         GTEST_SKIP() << std::string(std::istreambuf_iterator<char>(why), {});
     }
-    ASSERT_EQ(traffic.status, 0) << traffic.out;
+    ASSERT_EQ(status, 0) << traffic;
     // The other side resolved the service: its port and TXT strings.
-    EXPECT_NE(traffic.out.find(";4242;\"model=kd 10\" \"flag\" \"path=/x\""), std::string::npos) << traffic.out;
+    EXPECT_NE(traffic.find(";4242;\"model=kd 10\" \"flag\" \"path=/x\""), std::string::npos) << traffic;
 
     std::map<int, json> ours;
-    const Result read = run(wireloom.string() + " read " + capture.string() + " --mdns --format json");
-    ASSERT_EQ(read.status, 0);
-    for (const std::string& line : split(read.out, '\n'))
+    const std::string read = output(wireloom.string() + " read " + capture.string() + " --mdns --format json", &status);
+    ASSERT_EQ(status, 0);
+    for (const std::string& line : split(read, '\n'))
         if (!line.empty()) {
             json message = json::parse(line);
             const int frame = message["frame"].get<int>();
@@ -146,10 +134,10 @@ TEST(AvahiNetnsCapture, EveryMessageReadsAsTsharkReadsIt) {
     std::string command = "tshark -r " + capture.string() +
                           " -Y 'udp.srcport == 5353 && udp.dstport == 5353' -T fields -E separator=/t -E aggregator='|'";
     for (const char* field : kFields) command += std::string(" -e ") + field;
-    const Result theirs = run(command + " 2>/dev/null");
-    ASSERT_EQ(theirs.status, 0);
+    const std::string theirs = output(command + " 2>/dev/null", &status);
+    ASSERT_EQ(status, 0);
     std::size_t compared = 0, services = 0, addresses = 0;
-    for (const std::string& line : split(theirs.out, '\n')) {
+    for (const std::string& line : split(theirs, '\n')) {
         if (line.empty()) continue;
         const std::vector<std::string> columns = split(line, '\t');
         ASSERT_EQ(columns.size(), std::size(kFields)) << line;
