@@ -9,7 +9,7 @@ void registerBuiltInPacketClasses() {
     for (const PacketClass* cls :
          {&PXEthernetPacket::staticClass(), &PXBSDLoopbackPacket::staticClass(), &PXIPv4Packet::staticClass(),
           &PXIPv6Packet::staticClass(), &PXTCPPacket::staticClass(), &PXUDPPacket::staticClass(),
-          &PXRTPPacket::staticClass()})
+          &PXRTPPacket::staticClass(), &PXMDNSPacket::staticClass()})
         PXPacket::registerPacketClass(*cls);
 }
 

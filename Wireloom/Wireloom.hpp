@@ -44,8 +44,17 @@
 #include <Wireloom/flows/PXTCPFlowTable.hpp>
 #include <Wireloom/flows/PXUDPFlow.hpp>
 #include <Wireloom/flows/PXUDPFlowTable.hpp>
+#include <Wireloom/protocols/DNSNameReader.hpp>
+#include <Wireloom/protocols/PXDNSIPv6AddressResource.hpp>
+#include <Wireloom/protocols/PXDNSPTRResource.hpp>
+#include <Wireloom/protocols/PXDNSResource.hpp>
+#include <Wireloom/protocols/PXDNSSRVResource.hpp>
+#include <Wireloom/protocols/PXDNSTXTResource.hpp>
 #include <Wireloom/protocols/PXHTTPBPlistContainer.hpp>
 #include <Wireloom/protocols/PXHTTPParser.hpp>
 #include <Wireloom/protocols/PXHTTPRequest.hpp>
 #include <Wireloom/protocols/PXHTTPResponse.hpp>
 #include <Wireloom/protocols/PXHTTPStreamAnalyzer.hpp>
+#include <Wireloom/protocols/PXMDNSPacket.hpp>
+#include <Wireloom/protocols/PXMDNSQuestion.hpp>
+#include <Wireloom/protocols/PXMDNSRecord.hpp>

@@ -1,10 +1,11 @@
-// wireloom capture [--flows] [--http] [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]
+// wireloom capture [--flows] [--http] [--mdns] [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]
 //                  [--format tree|oneline|json] [--color auto|always|never]
 // wireloom devices
 #include "Commands.hpp"
 #include "FlowReport.hpp"
 #include "HttpReport.hpp"
 #include "FramePrinter.hpp"
+#include "MdnsReport.hpp"
 
 #include <Wireloom/Wireloom.hpp>
 
@@ -30,6 +31,7 @@ struct CaptureOptions {
     ColorMode color = ColorMode::Auto;
     bool flows = false;
     bool http = false;
+    bool mdns = false;
 };
 
 std::optional<double> positiveNumber(const std::string& text) {
@@ -43,8 +45,8 @@ std::optional<CaptureOptions> parseCaptureOptions(const std::vector<std::string>
     CaptureOptions options;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        if (arg == "--flows" || arg == "--http") {
-            (arg == "--flows" ? options.flows : options.http) = true;
+        if (arg == "--flows" || arg == "--http" || arg == "--mdns") {
+            (arg == "--flows" ? options.flows : arg == "--http" ? options.http : options.mdns) = true;
             continue;
         }
         const bool takesValue = arg == "-i" || arg == "-f" || arg == "-c" || arg == "--duration" || arg == "-w" ||
@@ -77,6 +79,7 @@ std::optional<CaptureOptions> parseCaptureOptions(const std::vector<std::string>
             return std::nullopt;
         }
     }
+    if (!mdnsOptionFits(options.mdns, options.flows || options.http, err)) return std::nullopt;
     return options;
 }
 
@@ -111,6 +114,7 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
     capture->setCaptureFilter(options->filter);
     const bool color = colorFor(options->color, out);
     FramePrinter printer(out, options->format, color);
+    MdnsPrinter mdnsPrinter(out, options->format, color);
     FlowPrinter flowPrinter(out, options->format, color);
     const auto httpPrinter = std::make_shared<HttpPrinter>(out, options->format, color);
     if (options->flows || options->http) {
@@ -128,7 +132,10 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
             const PXPacketPtr packet = notification.userInfo.at("packet").object<PXPacket>();
             if (!packet || (options->count && frames >= options->count)) return;
             ++frames;
-            if (framesShown) printer.print(*packet);
+            if (options->mdns)
+                mdnsPrinter.print(*packet);
+            else if (framesShown)
+                printer.print(*packet);
             if (!pcapFile) return;
             if (!wroteHeader) {
                 const ByteBuffer header = PXPacket::pcapHeaderForRepresentativePacket(*packet);
@@ -164,7 +171,10 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
     center.removeObserver(&printer);
     if (options->flows) flowPrinter.finish();
     if (options->http) httpPrinter->finish();
-    if (framesShown) printer.finish();
+    if (options->mdns)
+        mdnsPrinter.finish();
+    else if (framesShown)
+        printer.finish();
     if (pcapFile) std::fclose(pcapFile);
 
     const PXNetworkCapture::Statistics counters = capture->statistics();

@@ -45,6 +45,11 @@ bool parseOutputOption(const std::string& option, const std::string& value, bool
     return parsed.has_value();
 }
 
+bool mdnsOptionFits(bool mdns, bool flowsOrHttp, std::FILE* err) {
+    if (mdns && flowsOrHttp) std::fprintf(err, "wireloom: --mdns cannot be combined with --flows or --http\n");
+    return !(mdns && flowsOrHttp);
+}
+
 bool colorFor(ColorMode mode, std::FILE* out) {
     return mode == ColorMode::Always || (mode == ColorMode::Auto && out == stdout && isatty(STDOUT_FILENO));
 }
@@ -96,11 +101,12 @@ std::unique_ptr<PXCaptureFile> openCaptureFile(const std::string& path, std::FIL
 
 void FramePrinter::print(const PXPacket& innermost) {
     ++frames_;
+    ++shown_;
     switch (format_) {
     case Format::Tree:
         // Each layer's entry, outermost first, a blank line between frames;
         // written out a megabyte at a time.
-        if (frames_ > 1) buffer_.append('\n');
+        if (shown_ > 1) buffer_.append('\n');
         for (const auto& entry : layerEntries(innermost)) appendEntryText(buffer_, *entry, color_);
         if (buffer_.size() >= (1u << 20)) buffer_.flush(out_);
         break;

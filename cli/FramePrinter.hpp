@@ -34,6 +34,9 @@ bool parseOutputOption(const std::string& option, const std::string& value, bool
 // The capture file at `path`; null, with the message on `err`, when it
 // cannot be read.
 std::unique_ptr<PXCaptureFile> openCaptureFile(const std::string& path, std::FILE* err);
+// --mdns picks frames, while --flows and --http replace them: false, with a
+// message, when they are given together.
+bool mdnsOptionFits(bool mdns, bool flowsOrHttp, std::FILE* err);
 // Whether tree output to `out` is coloured.
 bool colorFor(ColorMode mode, std::FILE* out);
 
@@ -43,6 +46,8 @@ public:
 
     // The next frame, numbered from 1.
     void print(const PXPacket& innermost);
+    // Counts a frame that is not shown, so that the next keeps its number.
+    void skip() noexcept { ++frames_; }
     // Writes out what is buffered and, for Format::None, the summary.
     void finish();
     std::uint64_t frames() const noexcept { return frames_; }
@@ -52,6 +57,7 @@ private:
     Format format_;
     bool color_;
     std::uint64_t frames_ = 0;
+    std::uint64_t shown_ = 0;
     void flushLines();
 
     TextBuffer buffer_;  // trees

@@ -1,4 +1,4 @@
-// wireloom read FILE [--flows] [--http] [--format tree|json|oneline|none] [--color auto|always|never]
+// wireloom read FILE [--flows] [--http] [--mdns] [--format tree|json|oneline|none] [--color auto|always|never]
 //
 // The file goes through the same pipeline as a live capture: a capture
 // without a device announces each record, its clock set to the record's time.
@@ -6,6 +6,7 @@
 #include "FlowReport.hpp"
 #include "HttpReport.hpp"
 #include "FramePrinter.hpp"
+#include "MdnsReport.hpp"
 
 #include <Wireloom/Wireloom.hpp>
 
@@ -24,6 +25,7 @@ struct ReadOptions {
     ColorMode color = ColorMode::Auto;
     bool flows = false;
     bool http = false;
+    bool mdns = false;
 };
 
 std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args, std::FILE* err) {
@@ -38,6 +40,8 @@ std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args
             options.flows = true;
         } else if (arg == "--http") {
             options.http = true;
+        } else if (arg == "--mdns") {
+            options.mdns = true;
         } else if (arg.size() > 1 && arg[0] == '-') {
             std::fprintf(err, "wireloom: unknown option '%s'\n", arg.c_str());
             return std::nullopt;
@@ -52,6 +56,7 @@ std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args
         std::fprintf(err, "wireloom: read needs a capture file\n");
         return std::nullopt;
     }
+    if (!mdnsOptionFits(options.mdns, options.flows || options.http, err)) return std::nullopt;
     return options;
 }
 
@@ -97,6 +102,7 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
 
     const bool color = colorFor(options->color, out);
     FramePrinter printer(out, options->format, color);
+    MdnsPrinter mdnsPrinter(out, options->format, color);
     FlowPrinter flowPrinter(out, options->format, color);
     const PXNetworkCapture::Ptr capture = PXNetworkCapture::captureWithNullDevice();
     NotificationCenter& center = NotificationCenter::defaultCenter();
@@ -108,8 +114,13 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
     } else {
         center.addObserver(
             &printer, kPXNetworkCapturePacketNotificationName,
-            [&printer](const Notification& notification) {
-                if (auto packet = notification.userInfo.at("packet").object<PXPacket>()) printer.print(*packet);
+            [&](const Notification& notification) {
+                auto packet = notification.userInfo.at("packet").object<PXPacket>();
+                if (!packet) return;
+                if (options->mdns)
+                    mdnsPrinter.print(*packet);
+                else
+                    printer.print(*packet);
             },
             capture.get());
     }
@@ -119,7 +130,10 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
     center.removeObserver(&printer);
     if (options->flows) flowPrinter.finish();
     if (options->http) httpPrinter->finish();
-    if (!options->flows && !options->http) printer.finish();
+    if (options->mdns)
+        mdnsPrinter.finish();
+    else if (!options->flows && !options->http)
+        printer.finish();
     if (!complete) {
         std::fprintf(err, "wireloom: %s: %s\n", options->path.c_str(), error.c_str());
         return kExitFailure;

@@ -7,9 +7,9 @@ using namespace wireloom::cli;
 
 void wireloom::cli::printUsage(std::FILE* to) {
     std::fputs(
-        "usage: wireloom read FILE [--flows] [--http] [--format tree|json|oneline|none] [--color auto|always|never]\n"
+        "usage: wireloom read FILE [--flows] [--http] [--mdns] [--format tree|json|oneline|none] [--color auto|always|never]\n"
         "       wireloom capture [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]\n"
-        "                        [--flows] [--http] [--format tree|oneline|json|none] [--color auto|always|never]\n"
+        "                        [--flows] [--http] [--mdns] [--format tree|oneline|json|none] [--color auto|always|never]\n"
         "       wireloom follow FILE KEY [--direction 0|1]\n"
         "       wireloom devices\n"
         "\n"
@@ -23,6 +23,8 @@ void wireloom::cli::printUsage(std::FILE* to) {
         "                            when it ends, in the same formats\n"
         "          --http            HTTP exchanges (each request with its response) instead\n"
         "                            of frames, bodies read as property lists, JSON or text\n"
+        "          --mdns            only the frames that carry multicast DNS; with --format\n"
+        "                            json one line per message with its questions and records\n"
         "\n"
         "  capture live capture on IFACE (default: the first device libpcap lists) until\n"
         "          Ctrl-C, COUNT frames or SECONDS; frames (or --flows) printed as with read\n"

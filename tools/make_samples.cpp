@@ -11,13 +11,13 @@
 // the same bytes, and a change to the samples shows up as a change to this
 // file or to the frame builders.
 
+#include "support/DnsMessage.hpp"
 #include "support/FrameBuilder.hpp"
 #include "support/TcpConversation.hpp"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -45,84 +45,6 @@ constexpr const char* kWebServer = "203.0.113.80";
 constexpr const char* kWebServer6 = "2001:db8:80::80";
 constexpr const char* kMdnsGroup = "224.0.0.251";
 
-void appendBE(Bytes& b, std::uint64_t value, int bytes) {
-    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8) b.push_back(static_cast<std::uint8_t>(value >> shift));
-}
-
-// --- DNS ---------------------------------------------------------------------
-
-// Writes a DNS message, replacing each name (or tail of a name) already
-// written with a pointer to it, as real responders do.
-class DnsMessage {
-public:
-    enum Section { question = 0, answer = 1, authority = 2, additional = 3 };
-
-    DnsMessage(std::uint16_t id, std::uint16_t flags) : bytes_(12, 0) {
-        bytes_[0] = static_cast<std::uint8_t>(id >> 8);
-        bytes_[1] = static_cast<std::uint8_t>(id);
-        bytes_[2] = static_cast<std::uint8_t>(flags >> 8);
-        bytes_[3] = static_cast<std::uint8_t>(flags);
-    }
-
-    DnsMessage& ask(const std::string& name, std::uint16_t type) {
-        count(question);
-        writeName(name);
-        appendBE(bytes_, type, 2);
-        appendBE(bytes_, 1, 2);  // IN
-        return *this;
-    }
-
-    // klass carries mDNS's cache-flush bit where it is set; the data comes
-    // from a callback so that names inside it are compressed too.
-    DnsMessage& record(Section section, const std::string& name, std::uint16_t type, std::uint16_t klass,
-                       std::uint32_t ttl, const std::function<void(DnsMessage&)>& data) {
-        count(section);
-        writeName(name);
-        appendBE(bytes_, type, 2);
-        appendBE(bytes_, klass, 2);
-        appendBE(bytes_, ttl, 4);
-        const std::size_t lengthAt = bytes_.size();
-        appendBE(bytes_, 0, 2);
-        data(*this);
-        const std::size_t length = bytes_.size() - lengthAt - 2;
-        bytes_[lengthAt] = static_cast<std::uint8_t>(length >> 8);
-        bytes_[lengthAt + 1] = static_cast<std::uint8_t>(length);
-        return *this;
-    }
-
-    void writeName(const std::string& name) {
-        std::size_t at = 0;
-        while (at < name.size()) {
-            const std::string tail = name.substr(at);
-            if (auto known = offsets_.find(tail); known != offsets_.end()) {
-                appendBE(bytes_, 0xc000u | known->second, 2);
-                return;
-            }
-            offsets_.emplace(tail, static_cast<std::uint16_t>(bytes_.size()));
-            const std::size_t dot = std::min(name.find('.', at), name.size());
-            bytes_.push_back(static_cast<std::uint8_t>(dot - at));
-            bytes_.insert(bytes_.end(), name.begin() + static_cast<std::ptrdiff_t>(at),
-                          name.begin() + static_cast<std::ptrdiff_t>(dot));
-            at = dot + 1;
-        }
-        bytes_.push_back(0);
-    }
-    void write(const Bytes& more) { bytes_.insert(bytes_.end(), more.begin(), more.end()); }
-    void write(std::uint64_t value, int size) { appendBE(bytes_, value, size); }
-
-    const Bytes& bytes() const { return bytes_; }
-
-private:
-    void count(Section section) {
-        const std::size_t at = 4 + 2 * static_cast<std::size_t>(section);
-        const unsigned n = (bytes_[at] << 8 | bytes_[at + 1]) + 1u;
-        bytes_[at] = static_cast<std::uint8_t>(n >> 8);
-        bytes_[at + 1] = static_cast<std::uint8_t>(n);
-    }
-
-    Bytes bytes_;
-    std::map<std::string, std::uint16_t> offsets_;
-};
 
 Bytes bytesOfArray(const auto& array) { return Bytes(array.begin(), array.end()); }
 
@@ -321,12 +243,7 @@ std::vector<Frame> demoFrames() {
                     m.writeName(target);
                 })
         .record(DnsMessage::additional, instance, 16, 0x8001, 4500,
-                [](DnsMessage& m) {
-                    for (std::string entry : {"path=/", "model=kd-10"}) {
-                        m.write(entry.size(), 1);
-                        m.write(bytesOf(entry));
-                    }
-                })
+                [](DnsMessage& m) { m.writeTxt({"path=/", "model=kd-10"}); })
         .record(DnsMessage::additional, target, 1, 0x8001, 120,
                 [](DnsMessage& m) { m.write(bytesOfArray(ip4(kDisplay))); });
     frames.push_back(

@@ -5,7 +5,6 @@
 #include <Wireloom/packets/detail/IPProtocols.hpp>
 #include <Wireloom/packets/detail/PacketEntryTitles.hpp>
 
-#include <cstdio>
 
 namespace wireloom {
 
@@ -40,10 +39,15 @@ constinit PacketClass PXIPv6Packet::kClass("PXIPv6Packet", &PXPacket::staticClas
                                            &PXIPv6Packet::allowedParentProtocols, detail::kPXIPv6PacketIndex);
 
 std::string PXIPv6Packet::stringFromIPv6Address(const std::uint8_t* a) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    // Each byte in hex without leading zeros, as printf's %x writes it.
+    auto appendHex = [](std::string& text, unsigned byte) {
+        if (byte >= 0x10) text.push_back(kDigits[byte >> 4]);
+        text.push_back(kDigits[byte & 0xf]);
+    };
     std::string text;
     text.reserve(40);
     bool pendingZeros = false;
-    char group[8];
     for (std::size_t i = 0; i < 8; ++i) {
         const unsigned high = a[2 * i];
         const unsigned low = a[2 * i + 1];
@@ -55,10 +59,10 @@ std::string PXIPv6Packet::stringFromIPv6Address(const std::uint8_t* a) {
             text.push_back(':');
             pendingZeros = false;
         }
-        // "%x%x" drops the low byte's leading zero (0x20 0x01 reads "201").
-        int n = high != 0 ? std::snprintf(group, sizeof group, "%x%x", high, low)
-                          : std::snprintf(group, sizeof group, "%x", low);
-        text.append(group, static_cast<std::size_t>(n));
+        // The two bytes written one after the other: the low byte's leading
+        // zero goes (0x20 0x01 reads "201").
+        if (high != 0) appendHex(text, high);
+        appendHex(text, low);
         if (i != 7) text.push_back(':');
     }
     return text;

@@ -17,10 +17,9 @@ std::optional<PacketClassSet> PXUDPPacket::allowedParentProtocols() {
 
 std::optional<PacketClassSet> PXUDPPacket::restrictedChildProtocols() const {
     if (!leadsToMDNS()) return std::nullopt;
-    // The mDNS class lives in a higher layer of the library; it is found by
-    // name in the registry, and a process without it decodes nothing here.
-    static const PacketClass* const mdns = PXPacket::packetClassNamed("PXMDNSPacket");
-    return PacketClassSet{mdns};
+    // The mDNS class lives in the protocols layer, above this one; its
+    // registry position is fixed with the other built-in classes.
+    return PacketClassSet::ofBuiltIns(detail::kPXMDNSPacketIndex);
 }
 
 PXPacketPtr PXUDPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {

@@ -41,6 +41,8 @@ enum BuiltInPacketClass : int {
     kPXTCPPacketIndex,
     kPXUDPPacketIndex,
     kPXRTPPacketIndex,
+    // Defined in the protocols layer; only its position is fixed here.
+    kPXMDNSPacketIndex,
     kBuiltInPacketClassCount
 };
 // The registered classes by index, filled once when the registry is built.

@@ -131,9 +131,9 @@ TEST_F(ReadCommand, ColoursOnlyWhereAsked) {
     EXPECT_EQ(run("read " + capture + " --color sometimes").status, 2);
 }
 
-TEST_F(ReadCommand, FlowsAndHttpOfTheDemoMatchTheirExpectedOutput) {
+TEST_F(ReadCommand, FlowsHttpAndMdnsOfTheDemoMatchTheirExpectedOutput) {
     const std::string capture = (sourceDir() / "samples" / "demo.pcap").string();
-    for (const char* view : {"flows", "http"}) {
+    for (const char* view : {"flows", "http", "mdns"}) {
         for (const char* format : {"tree", "json"}) {
             CommandResult r = run("read " + capture + " --" + view + " --format " + format);
             ASSERT_EQ(r.status, 0) << r.err;
@@ -148,6 +148,11 @@ TEST_F(ReadCommand, FlowsAndHttpOfTheDemoMatchTheirExpectedOutput) {
     EXPECT_EQ(r.out,
               "TCP flows: 4\nUDP flows: 7\nTCP bytes reassembled, client to server: 558\n"
               "TCP bytes reassembled, server to client: 11743\nUDP payload bytes: 564\n");
+    EXPECT_EQ(run("read " + capture + " --mdns --format none").out,
+              "frames read: 65\nmDNS messages: 2\nquestions: 1\nrecords: 4\n");
+    // The frames shown keep their numbers in the capture.
+    EXPECT_EQ(run("read " + capture + " --mdns --format oneline").out.rfind("37 1767225600.412007 ", 0), 0u);
+    EXPECT_EQ(run("read " + capture + " --mdns --http").status, 2);
 }
 
 TEST_F(ReadCommand, FollowWritesOneFlowOrNamesTheFlowsThereAre) {

@@ -16,3 +16,6 @@ done
 for format in tree json; do
   "$build"/cli/wireloom read samples/demo.pcap --http --format $format > tests/data/demo-http-$format.txt
 done
+for format in tree json; do
+  "$build"/cli/wireloom read samples/demo.pcap --mdns --format $format > tests/data/demo-mdns-$format.txt
+done

@@ -16,6 +16,7 @@ int wireloomFuzz_tcp_buffer(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_helper_request(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_flow_table(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_http_analyzer(const std::uint8_t* data, std::size_t size);
+int wireloomFuzz_mdns_decode(const std::uint8_t* data, std::size_t size);
 
 namespace {
 
@@ -61,4 +62,9 @@ TEST(FuzzCorpus, FlowTableInputsReplayCleanly) {
 TEST(FuzzCorpus, HttpAnalyzerInputsReplayCleanly) {
     EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "http_analyzer", wireloomFuzz_http_analyzer), 0u);
     replayAll(fuzzDirectory() / "regressions" / "http_analyzer", wireloomFuzz_http_analyzer);
+}
+
+TEST(FuzzCorpus, MdnsDecodeInputsReplayCleanly) {
+    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "mdns_decode", wireloomFuzz_mdns_decode), 0u);
+    replayAll(fuzzDirectory() / "regressions" / "mdns_decode", wireloomFuzz_mdns_decode);
 }

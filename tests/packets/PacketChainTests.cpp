@@ -147,7 +147,8 @@ TEST(PacketChain, IPv4WithIHLZeroUnderProtocol4StopsAtTheDepthBound) {
 }
 
 TEST(PacketChain, UDPLeadsNowhereButMulticastDNS) {
-    // Without a multicast-DNS class registered, 5353-to-5353 ends at UDP as
+    // 5353-to-5353 is offered to multicast DNS only, which refuses these
+    // bytes (they announce records that are not there), so it ends at UDP as
     // every other datagram does; RTP is never picked automatically.
     Bytes rtp = {0x80, 0x00, 0x00, 0x01, 0, 0, 0, 2, 0, 0, 0, 3, 0xaa, 0xbb};
     for (auto [source, dest] : {std::pair{5353, 5353}, {5353, 5354}, {40000, 40002}}) {

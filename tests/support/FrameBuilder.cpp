@@ -80,6 +80,10 @@ IPv6Address ip6(std::string_view text) {
 
 Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
 
+void appendBE(Bytes& b, std::uint64_t value, int bytes) {
+    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8) b.push_back(static_cast<std::uint8_t>(value >> shift));
+}
+
 Bytes tcp(const TcpFields& f) {
     Bytes options = f.options;
     while (options.size() % 4) options.push_back(0);

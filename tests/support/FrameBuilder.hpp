@@ -50,6 +50,8 @@ Mac mac(std::string_view text);          // "02:00:5e:10:00:01"
 IPv4Address ip4(std::string_view text);  // "10.0.0.1"
 IPv6Address ip6(std::string_view text);  // "fe80::1"
 Bytes bytesOf(std::string_view text);
+// Appends the low `bytes` bytes of value, most significant first.
+void appendBE(Bytes& b, std::uint64_t value, int bytes);
 
 struct TcpFields {
     std::uint16_t sourcePort = 0;

@@ -2,6 +2,8 @@
 // Other programs for the tests that drive real traffic: whether one is
 // installed, its output, and servers or capturers left running in the
 // background until the test kills them.
+#include <sys/wait.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -15,13 +17,16 @@ inline bool have(const char* program) {
     return std::system((std::string("command -v ") + program + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-// What a shell command writes to its standard output.
-inline std::string output(const std::string& command) {
+// What a shell command writes to its standard output and, when asked, its
+// exit status (-1 when it did not exit by itself).
+inline std::string output(const std::string& command, int* status = nullptr) {
     std::string text;
+    if (status) *status = -1;
     if (std::FILE* pipe = popen(command.c_str(), "r")) {
         char chunk[4096];
         while (std::size_t n = std::fread(chunk, 1, sizeof chunk, pipe)) text.append(chunk, n);
-        pclose(pipe);
+        const int result = pclose(pipe);
+        if (status && WIFEXITED(result)) *status = WEXITSTATUS(result);
     }
     return text;
 }

@@ -1,0 +1,11 @@
+#include <Wireloom/protocols/PXDNSPTRResource.hpp>
+
+namespace wireloom {
+
+std::shared_ptr<PXReportAnalyzerEntry> PXDNSPTRResource::reportAnalyzerEntry() const {
+    auto entry = PXDNSResource::reportAnalyzerEntry();
+    entry->addLineWithKey("Canonical Name", canonicalName_ ? Value(*canonicalName_) : Value());
+    return entry;
+}
+
+}  // namespace wireloom

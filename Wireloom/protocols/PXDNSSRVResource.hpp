@@ -1,0 +1,36 @@
+#pragma once
+// PXDNSSRVResource: an SRV record's data (type 33), where a service instance
+// is reached: priority, weight, port and target host.
+
+#include <Wireloom/protocols/PXDNSResource.hpp>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace wireloom {
+
+class PXDNSSRVResource : public PXDNSResource {
+public:
+    std::string className() const override { return "PXDNSSRVResource"; }
+
+    std::uint16_t priority() const noexcept { return priority_; }
+    void setPriority(std::uint16_t priority) noexcept { priority_ = priority; }
+    std::uint16_t weight() const noexcept { return weight_; }
+    void setWeight(std::uint16_t weight) noexcept { weight_ = weight; }
+    std::uint16_t port() const noexcept { return port_; }
+    void setPort(std::uint16_t port) noexcept { port_ = port; }
+    // Nothing when the target name could not be read.
+    const std::optional<std::string>& target() const noexcept { return target_; }
+    void setTarget(std::optional<std::string> target) { target_ = std::move(target); }
+
+    std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
+
+private:
+    std::optional<std::string> target_;
+    std::uint16_t priority_ = 0;
+    std::uint16_t weight_ = 0;
+    std::uint16_t port_ = 0;
+};
+
+}  // namespace wireloom

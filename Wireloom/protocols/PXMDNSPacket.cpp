@@ -1,0 +1,190 @@
+#include <Wireloom/core/detail/ByteReader.hpp>
+#include <Wireloom/core/detail/Format.hpp>
+#include <Wireloom/packets/PXUDPPacket.hpp>
+#include <Wireloom/protocols/DNSNameReader.hpp>
+#include <Wireloom/protocols/PXMDNSPacket.hpp>
+#include <Wireloom/text/String+PXRV.hpp>
+
+#include <algorithm>
+
+namespace wireloom {
+
+constinit PacketClass PXMDNSPacket::kClass("PXMDNSPacket", &PXPacket::staticClass(), &PXMDNSPacket::packetFromData,
+                                           &PXMDNSPacket::allowedParentProtocols, detail::kPXMDNSPacketIndex);
+
+namespace {
+
+constexpr std::size_t kHeaderSize = 12;
+// The fewest bytes a question (root name, type, class) and a record (root
+// name, four fields) can take, to size the arrays before reading them.
+constexpr std::size_t kSmallestQuestion = 5;
+constexpr std::size_t kSmallestRecord = 11;
+
+// Reads `count` records into `records`; false when a field runs short.
+bool readRecords(std::span<const std::uint8_t> message, const ByteBuffer& messageBuffer, detail::ByteReader& cursor,
+                 std::uint32_t& consumed, std::uint16_t count, std::vector<PXMDNSRecord>& records) {
+    records.reserve(std::min<std::size_t>(count, cursor.remaining() / kSmallestRecord));
+    for (std::uint16_t i = 0; i < count; ++i) {
+        PXMDNSRecord& record = records.emplace_back();
+        // Unlike a question's, a record's unreadable name spoils nothing
+        // else: reading goes on from wherever the name reader stopped.
+        record.setRecordName(readFullyQualitifiedDomainName(message.data(), message.size(), cursor, consumed));
+        if (!cursor.has(10)) return false;
+        record.setRecordType(cursor.readBE<std::uint16_t>());
+        record.setRecordClass(cursor.readBE<std::uint16_t>());
+        record.setTtl(cursor.readBE<std::uint32_t>());
+        const std::uint16_t length = cursor.readBE<std::uint16_t>();
+        record.setResourceDataLength(length);
+        consumed += 10;
+        record.setResourceDataOffsetInMessage(static_cast<std::int64_t>(cursor.offset()));
+        if (!cursor.has(length)) return false;
+        record.setResourceData(messageBuffer.subrange(cursor.offset(), length));
+        cursor.skip(length);
+        consumed += length;
+        record.parseResourceDataWithMessageBody(message);
+    }
+    return true;
+}
+
+}  // namespace
+
+std::optional<PacketClassSet> PXMDNSPacket::allowedParentProtocols() {
+    return PacketClassSet{&PXUDPPacket::staticClass()};
+}
+
+std::string_view PXMDNSPacket::nameOfRecordType(std::uint16_t type) noexcept {
+    switch (type) {
+    case 1: return "A (IPv4)";
+    case 12: return "PTR";
+    case 16: return "TXT";
+    case 28: return "AAAA (IPv6)";
+    case 33: return "SRV";
+    case 41: return "OPT";
+    case 47: return "NSEC";
+    case 255: return "All";
+    default: return "unknown";
+    }
+}
+
+PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
+    if (!parent || !parent->isKindOf(PXUDPPacket::staticClass())) return nullptr;
+    const auto& udp = static_cast<const PXUDPPacket&>(*parent);
+    if (!udp.leadsToMDNS()) return nullptr;
+    // The message ends where the datagram does, not at the end of the frame,
+    // which may be padded; a UDP length that did not fit the capture leaves
+    // the captured bytes to go by.
+    std::size_t length = data.size();
+    if (udp.payloadSize() > 0 && udp.payloadSize() < length) length = udp.payloadSize();
+    if (length < kHeaderSize) return nullptr;
+    const ByteBuffer message = data.borrowedView(0, length);
+    const std::span<const std::uint8_t> bytes = message.span();
+
+    auto packet = newLayer<PXMDNSPacket>();
+    detail::ByteReader cursor(bytes);
+    packet->transactionID_ = cursor.readBE<std::uint16_t>();
+    packet->flags_ = cursor.readBE<std::uint16_t>();
+    packet->questionRRC_ = cursor.readBE<std::uint16_t>();
+    packet->answerRRC_ = cursor.readBE<std::uint16_t>();
+    packet->authorityRRC_ = cursor.readBE<std::uint16_t>();
+    packet->additionalRRC_ = cursor.readBE<std::uint16_t>();
+    std::uint32_t count = kHeaderSize;
+
+    packet->questionRecords_.reserve(std::min<std::size_t>(packet->questionRRC_, cursor.remaining() / kSmallestQuestion));
+    for (std::uint16_t i = 0; i < packet->questionRRC_; ++i) {
+        std::optional<std::string> name =
+            readFullyQualitifiedDomainName(bytes.data(), bytes.size(), cursor, count);
+        if (!name || !cursor.has(4)) return nullptr;
+        PXMDNSQuestion& question = packet->questionRecords_.emplace_back();
+        question.setRecordName(std::move(*name));
+        question.setQuestionType(cursor.readBE<std::uint16_t>());
+        question.setQuestionClass(cursor.readBE<std::uint16_t>());
+        count += 4;
+    }
+    if (!readRecords(bytes, message, cursor, count, packet->answerRRC_, packet->answerRecords_) ||
+        !readRecords(bytes, message, cursor, count, packet->authorityRRC_, packet->authorityRecords_) ||
+        !readRecords(bytes, message, cursor, count, packet->additionalRRC_, packet->additionalRecords_))
+        return nullptr;
+    *consumed = count;
+    return packet;
+}
+
+namespace {
+
+// "0x000c (PTR)"
+std::string typeText(std::uint16_t type) {
+    const std::string_view name = PXMDNSPacket::nameOfRecordType(type);
+    return detail::stringWithFormat("0x%04x (%.*s)", type, static_cast<int>(name.size()), name.data());
+}
+
+void addRecordSection(PXReportAnalyzerEntry& entry, std::string_view label, const std::vector<PXMDNSRecord>& records) {
+    auto section = entry.addNestedEntry();
+    section->setTitleWithLabel(label, records.size(), "record");
+    unsigned number = 0;
+    for (const PXMDNSRecord& record : records) {
+        auto line = section->addNestedEntry();
+        line->setSectionTitle(detail::stringWithFormat("Record %u", number++));
+        line->addLineWithKey("Name", record.recordName() ? Value(*record.recordName()) : Value());
+        line->addLineWithKey("Type", typeText(record.recordType()));
+        line->addLineWithKey("Class", detail::stringWithFormat("0x%04x", record.recordClass()));
+        line->addLineWithKey("TTL", detail::stringWithFormat("%u (%s)", record.ttl(),
+                                                             stringWithDuration(record.ttl()).c_str()));
+        line->addLineWithKey("Resource Data Length", record.resourceDataLength());
+        line->addEntryWithData(record.resourceData(), "Resource Data");
+        if (record.resource())
+            if (auto parsed = record.resource()->reportAnalyzerEntry()) line->addEntry(parsed);
+    }
+}
+
+}  // namespace
+
+std::shared_ptr<PXReportAnalyzerEntry> PXMDNSPacket::reportAnalyzerEntry() const {
+    auto entry = PXReportAnalyzerEntry::entry();
+    std::string title = "Peerbell ";
+    const char* separator = "";
+    auto list = [&](const char* prefix, const std::string* name) {
+        title.append(separator).append(prefix).append(name ? *name : "(null)");
+        separator = ", ";
+    };
+    for (const PXMDNSQuestion& question : questionRecords_) list("Q: ", &question.recordName());
+    auto listRecords = [&](const char* prefix, const std::vector<PXMDNSRecord>& records) {
+        for (const PXMDNSRecord& record : records)
+            list(prefix, record.recordName() ? &*record.recordName() : nullptr);
+    };
+    listRecords("A: ", answerRecords_);
+    listRecords("AA: ", authorityRecords_);
+    listRecords("AR: ", additionalRecords_);
+    entry->setProtocolLayerName(title);
+
+    entry->setValue(transactionID_, "Transaction ID", 0);
+    entry->setValue(flags_, "Flags", 3);
+    entry->setValue(isNameServiceResponse(), "Name Service Response", 9);
+    entry->setValue(isNameServiceRequest(), "Name Service Request", 9);
+    entry->setValue(operationCode(), "Operation Code", 2);
+    entry->setValue(isAuthoritativeAnswer(), "Authoritative Answer", 9);
+    entry->setValue(hasTruncation(), "Truncated", 9);
+    entry->setValue(recursionDesired(), "Recursion Desired", 9);
+    entry->setValue(recursionAvailable(), "Recursion Available", 9);
+    entry->setValue(reserved(), "Reserved", 2);
+    entry->setValue(returnCode(), "Return Code", 2);
+    entry->setValue(questionRRC_, "Question Record Count", 0);
+    entry->setValue(answerRRC_, "Answer Record Count", 0);
+    entry->setValue(authorityRRC_, "Authority Record Count", 0);
+    entry->setValue(additionalRRC_, "Additional Record Count", 0);
+
+    auto questions = entry->addNestedEntry();
+    questions->setTitleWithLabel("Questions", questionRecords_.size(), "record");
+    unsigned number = 0;
+    for (const PXMDNSQuestion& question : questionRecords_) {
+        auto line = questions->addNestedEntry();
+        line->setSectionTitle(detail::stringWithFormat("Question %u", number++));
+        line->addLineWithKey("Name", question.recordName());
+        line->addLineWithKey("Type", typeText(question.questionType()));
+        line->addLineWithKey("Class", detail::stringWithFormat("0x%04x", question.questionClass()));
+    }
+    addRecordSection(*entry, "Answers", answerRecords_);
+    addRecordSection(*entry, "Authoritative Answers", authorityRecords_);
+    addRecordSection(*entry, "Additional", additionalRecords_);
+    return entry;
+}
+
+}  // namespace wireloom

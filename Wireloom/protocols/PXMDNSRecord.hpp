@@ -1,0 +1,53 @@
+#pragma once
+// PXMDNSRecord: one resource record of an mDNS message's answer, authority
+// or additional section. The owner name may be missing: a message whose
+// record names cannot be read still decodes. Records of type SRV, TXT, PTR
+// and AAAA also carry their data decoded as a PXDNSResource.
+
+#include <Wireloom/core/ByteBuffer.hpp>
+#include <Wireloom/protocols/PXDNSResource.hpp>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+namespace wireloom {
+
+class PXMDNSRecord {
+public:
+    const std::optional<std::string>& recordName() const noexcept { return recordName_; }
+    void setRecordName(std::optional<std::string> name) { recordName_ = std::move(name); }
+    std::uint16_t recordType() const noexcept { return recordType_; }
+    void setRecordType(std::uint16_t type) noexcept { recordType_ = type; }
+    // The whole field: the cache-flush bit (0x8000) is kept.
+    std::uint16_t recordClass() const noexcept { return recordClass_; }
+    void setRecordClass(std::uint16_t recordClass) noexcept { recordClass_ = recordClass; }
+    std::uint32_t ttl() const noexcept { return ttl_; }
+    void setTtl(std::uint32_t ttl) noexcept { ttl_ = ttl; }
+    std::uint16_t resourceDataLength() const noexcept { return resourceDataLength_; }
+    void setResourceDataLength(std::uint16_t length) noexcept { resourceDataLength_ = length; }
+    const ByteBuffer& resourceData() const noexcept { return resourceData_; }
+    void setResourceData(ByteBuffer data) noexcept { resourceData_ = std::move(data); }
+    // Where the resource data starts, counted from the message's first byte.
+    std::int64_t resourceDataOffsetInMessage() const noexcept { return resourceDataOffsetInMessage_; }
+    void setResourceDataOffsetInMessage(std::int64_t offset) noexcept { resourceDataOffsetInMessage_ = offset; }
+    const PXDNSResource::Ptr& resource() const noexcept { return resource_; }
+    void setResource(PXDNSResource::Ptr resource) noexcept { resource_ = std::move(resource); }
+
+    // Decodes resource() from resourceData() by the record type. The whole
+    // message is needed because names in the data may point into it.
+    void parseResourceDataWithMessageBody(std::span<const std::uint8_t> message);
+
+private:
+    std::optional<std::string> recordName_;
+    ByteBuffer resourceData_;
+    PXDNSResource::Ptr resource_;
+    std::int64_t resourceDataOffsetInMessage_ = 0;
+    std::uint32_t ttl_ = 0;
+    std::uint16_t recordType_ = 0;
+    std::uint16_t recordClass_ = 0;
+    std::uint16_t resourceDataLength_ = 0;
+};
+
+}  // namespace wireloom

@@ -1,0 +1,59 @@
+// Feeds arbitrary bytes to the mDNS decoder as a datagram from 5353 to 5353,
+// then asks the message for everything it tells: every record's resource,
+// the report entry's text. The first byte also starts a name read at an
+// offset of its choosing, with and without the message start, so that the
+// name reader meets cursors the packet decoder never hands it.
+#include "FuzzTarget.hpp"
+
+#include <Wireloom/Wireloom.hpp>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace {
+
+using namespace wireloom;
+
+std::size_t inspect(const PXMDNSPacket& packet, std::size_t size) {
+    std::size_t total = 0;
+    for (const PXMDNSQuestion& question : packet.questionRecords()) total += question.recordName().size();
+    for (const auto* section :
+         {&packet.answerRecords(), &packet.authoritativeAnswerRecords(), &packet.additionalRecords()}) {
+        for (const PXMDNSRecord& record : *section) {
+            WL_ASSERT(record.resourceData().size() == record.resourceDataLength(), "resource data of another length");
+            WL_ASSERT(record.resourceDataOffsetInMessage() + record.resourceDataLength() <=
+                          static_cast<std::int64_t>(size),
+                      "resource data outside the message");
+            if (auto txt = std::dynamic_pointer_cast<PXDNSTXTResource>(record.resource())) total += txt->txt().size();
+        }
+    }
+    return total + packet.reportAnalyzerEntry()->pasteboardStringWithIdentation("").size();
+}
+
+}  // namespace
+
+WIRELOOM_FUZZ_TARGET(mdns_decode) {
+    if (size < 1) return 0;
+    const std::size_t start = data[0];
+    ++data;
+    --size;
+    auto udp = std::make_shared<PXUDPPacket>();
+    udp->setSourcePort(5353);
+    udp->setDestPort(5353);
+    std::uint32_t consumed = 0;
+    std::size_t total = 0;
+    if (auto packet = PXMDNSPacket::packetFromData(ByteBuffer::copy(data, size), udp, &consumed)) {
+        WL_ASSERT(consumed >= 12 && consumed <= size, "consumed more than the message");
+        total += inspect(static_cast<const PXMDNSPacket&>(*packet), size);
+    }
+    if (start < size) {
+        for (const std::uint8_t* messageStart : {data, static_cast<const std::uint8_t*>(nullptr)}) {
+            detail::ByteReader cursor(data + start, size - start);
+            std::uint32_t count = 0;
+            if (auto name = readFullyQualitifiedDomainName(messageStart, size, cursor, count)) total += name->size();
+            WL_ASSERT(count <= size - start, "a name counted bytes it did not read");
+        }
+    }
+    if (total == 1u << 31) __builtin_trap();  // keeps the work observable; never true
+    return 0;
+}

@@ -1,0 +1,267 @@
+// mDNS messages: the header and its bit order, the strict field checks and
+// the one lenient place, the name reader's pointers, labels and limits, the
+// decoded resources, the report entry, and the place in the decode chain.
+#include "packets/PacketTestSupport.hpp"
+#include "support/DnsMessage.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+using namespace wireloom;
+using namespace wireloom::testing;
+
+namespace {
+
+std::shared_ptr<PXMDNSPacket> decodeMessage(const Bytes& message, std::uint32_t* consumed = nullptr,
+                                            std::uint16_t sourcePort = 5353) {
+    auto udp = std::make_shared<PXUDPPacket>();
+    udp->setSourcePort(sourcePort);
+    udp->setDestPort(5353);
+    std::uint32_t count = 0;
+    auto packet = PXMDNSPacket::packetFromData(ByteBuffer::copy(message.data(), message.size()), udp, &count);
+    if (consumed) *consumed = count;
+    return std::static_pointer_cast<PXMDNSPacket>(packet);
+}
+
+Bytes header(std::uint16_t flags, std::uint16_t questions, std::uint16_t answers, std::uint16_t additional = 0) {
+    Bytes b;
+    for (std::uint16_t word : {std::uint16_t{0x1234}, flags, questions, answers, std::uint16_t{0}, additional})
+        appendBE(b, word, 2);
+    return b;
+}
+
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// type, class, TTL and the resource data with its length.
+Bytes recordFields(std::uint16_t type, std::uint32_t ttl, const Bytes& data) {
+    Bytes b;
+    appendBE(b, type, 2);
+    appendBE(b, 0x8001, 2);
+    appendBE(b, ttl, 4);
+    appendBE(b, data.size(), 2);
+    return b + data;
+}
+
+std::optional<std::string> readName(const Bytes& message, std::size_t at, std::uint32_t* consumed = nullptr,
+                                    std::size_t* endsAt = nullptr, bool withMessageStart = true) {
+    detail::ByteReader cursor(message.data(), message.size());
+    cursor.seek(at);
+    std::uint32_t count = 0;
+    auto name = readFullyQualitifiedDomainName(withMessageStart ? message.data() : nullptr, message.size(), cursor,
+                                               count);
+    if (consumed) *consumed = count;
+    if (endsAt) *endsAt = cursor.offset();
+    return name;
+}
+
+std::vector<std::string> rows(PXReportAnalyzerEntry& entry) {
+    std::vector<std::string> titles;
+    for (const auto& child : *entry.children()) titles.emplace_back(child->plainTitle());
+    return titles;
+}
+
+}  // namespace
+
+TEST(MDNSHeader, TwelveBytesMakeAnEmptyMessage) {
+    std::uint32_t consumed = 0;
+    auto packet = decodeMessage(header(0, 0, 0), &consumed);
+    ASSERT_TRUE(packet);
+    EXPECT_EQ(consumed, 12u);
+    EXPECT_EQ(packet->transactionID(), 0x1234);
+    EXPECT_TRUE(packet->questionRecords().empty() && packet->answerRecords().empty() &&
+                packet->authoritativeAnswerRecords().empty() && packet->additionalRecords().empty());
+    EXPECT_FALSE(decodeMessage(Bytes(11, 0)));
+    EXPECT_FALSE(decodeMessage(header(0, 0, 0), nullptr, 5354));
+}
+
+TEST(MDNSHeader, FlagBitsCountFromTheLeastSignificant) {
+    auto response = decodeMessage(header(0x8400, 0, 0));
+    EXPECT_FALSE(response->isNameServiceResponse());
+    EXPECT_TRUE(response->isNameServiceRequest());
+    EXPECT_FALSE(response->isAuthoritativeAnswer());
+    EXPECT_EQ(response->returnCode(), 8);
+    EXPECT_EQ(response->reserved(), 2);
+    auto low = decodeMessage(header(0x01ff, 0, 0));
+    EXPECT_TRUE(low->isNameServiceResponse() && low->isAuthoritativeAnswer() && low->hasTruncation() &&
+                low->recursionDesired() && low->recursionAvailable());
+    EXPECT_EQ(low->operationCode(), 15);
+    EXPECT_EQ(low->returnCode(), 0);
+}
+
+TEST(MDNSStrictness, AnyShortFieldRejectsTheMessage) {
+    const Bytes local = {5, 'l', 'o', 'c', 'a', 'l', 0};
+    const Bytes question = local + Bytes{0, 12, 0, 1};
+    EXPECT_TRUE(decodeMessage(header(0, 1, 0) + question));
+    EXPECT_FALSE(decodeMessage(header(0, 2, 0) + question)) << "more questions announced than present";
+    EXPECT_FALSE(decodeMessage(header(0, 1, 0) + local + Bytes{0, 12, 0})) << "class cut short";
+    EXPECT_FALSE(decodeMessage(header(0, 0, 1) + local + Bytes{0, 1, 0, 1, 0, 0})) << "TTL cut short";
+    const Bytes record = local + recordFields(1, 120, {192, 168, 1, 20});
+    EXPECT_TRUE(decodeMessage(header(0, 0, 1) + record));
+    EXPECT_FALSE(decodeMessage(header(0, 0, 1) + Bytes(record.begin(), record.end() - 1))) << "data cut short";
+}
+
+TEST(MDNSStrictness, AnUnreadableNameRejectsAQuestionButOnlyUnnamesARecord) {
+    const Bytes selfPointer = {0xc0, 12};  // at offset 12, pointing at itself
+    EXPECT_FALSE(decodeMessage(header(0, 1, 0) + selfPointer + Bytes{0, 12, 0, 1}));
+
+    auto packet = decodeMessage(header(0, 0, 1) + selfPointer + recordFields(1, 120, {10, 0, 0, 1}));
+    ASSERT_TRUE(packet);
+    const PXMDNSRecord& record = packet->answerRecords().at(0);
+    EXPECT_FALSE(record.recordName());
+    // Reading went on after the pointer's two bytes.
+    EXPECT_EQ(record.recordType(), 1);
+    EXPECT_EQ(record.ttl(), 120u);
+    EXPECT_EQ(record.resourceDataOffsetInMessage(), 24);
+    EXPECT_EQ(packet->reportAnalyzerEntry()->plainTitle(), "Peerbell A: (null)");
+}
+
+TEST(DNSNameReader, LabelsWrittenOutOrReachedThroughPointers) {
+    // "local" at 12, then "foo" and a pointer back to it, then a pointer
+    // forward to "bar" and "local".
+    const Bytes message = header(0, 0, 0) + Bytes{5, 'l', 'o', 'c', 'a', 'l', 0} + Bytes{3, 'f', 'o', 'o', 0xc0, 12} +
+                          Bytes{0xc0, 27} + Bytes{3, 'b', 'a', 'r', 0xc0, 12};
+    std::uint32_t consumed = 0;
+    std::size_t endsAt = 0;
+    EXPECT_EQ(readName(message, 12, &consumed, &endsAt), "local");
+    EXPECT_EQ(consumed, 7u);
+    EXPECT_EQ(readName(message, 19, &consumed, &endsAt), "foo.local");
+    EXPECT_EQ(consumed, 6u) << "the bytes behind the pointer are not counted";
+    EXPECT_EQ(endsAt, 25u);
+    EXPECT_EQ(readName(message, 25), "bar.local");
+    EXPECT_EQ(readName(Bytes{0}, 0), "");
+    EXPECT_FALSE(readName(Bytes{3, 'f', 'o', 'o'}, 0)) << "a name must end";
+    EXPECT_FALSE(readName(Bytes{2, 0xc3, 0x28, 0}, 0)) << "labels must be UTF-8";
+    EXPECT_EQ(readName(Bytes{2, 0xc3, 0xa9, 0}, 0), "\xc3\xa9");
+    EXPECT_FALSE(readName(header(0, 0, 0) + Bytes{0xc0, 200}, 12)) << "a pointer past the message";
+}
+
+TEST(DNSNameReader, PointerChainsEndAtDepthOneHundred) {
+    // Pointer i at offset 2i leads to offset 2i + 2; the last one to "x".
+    auto chain = [](std::size_t pointers) {
+        Bytes b;
+        for (std::size_t i = 0; i < pointers; ++i) appendBE(b, 0xc000 | (2 * i + 2), 2);
+        return b + Bytes{1, 'x', 0};
+    };
+    EXPECT_EQ(readName(chain(100), 0), "x");
+    EXPECT_FALSE(readName(chain(101), 0));
+}
+
+TEST(DNSNameReader, WithoutAMessageStartHighLengthsAreLabels) {
+    Bytes label = Bytes{0xc0} + Bytes(192, 'a') + Bytes{0};
+    EXPECT_EQ(readName(label, 0, nullptr, nullptr, false), std::string(192, 'a'));
+    EXPECT_FALSE(readName(label, 0)) << "with a message start 0xc0 is a pointer";
+    // Lengths 64 to 191 are labels either way.
+    EXPECT_EQ(readName(Bytes{64} + Bytes(64, 'b') + Bytes{0}, 0), std::string(64, 'b'));
+}
+
+TEST(MDNSResources, SRVNeedsSevenBytesAndReadsItsTargetThroughTheMessage) {
+    const Bytes name = {1, 's', 0};
+    const Bytes shortSrv = name + recordFields(33, 120, {0, 1, 0, 2, 0, 80});
+    EXPECT_FALSE(decodeMessage(header(0, 0, 1) + shortSrv)->answerRecords().at(0).resource());
+
+    const Bytes brokenTarget = name + recordFields(33, 120, {0, 1, 0, 2, 0, 80, 9});
+    auto srv = std::dynamic_pointer_cast<PXDNSSRVResource>(
+        decodeMessage(header(0, 0, 1) + brokenTarget)->answerRecords().at(0).resource());
+    ASSERT_TRUE(srv);
+    EXPECT_EQ(srv->port(), 80);
+    EXPECT_FALSE(srv->target());
+
+    DnsMessage m(0, 0x8400);
+    m.record(DnsMessage::answer, "Kitchen._http._tcp.local", 33, 0x8001, 120, [](DnsMessage& d) {
+        d.write(Bytes{0, 1, 0, 2, 0x1f, 0x90});
+        d.writeName("kitchen.local");  // compressed: ".local" is a pointer
+    });
+    srv = std::dynamic_pointer_cast<PXDNSSRVResource>(decodeMessage(m.bytes())->answerRecords().at(0).resource());
+    ASSERT_TRUE(srv);
+    EXPECT_EQ(srv->priority(), 1);
+    EXPECT_EQ(srv->weight(), 2);
+    EXPECT_EQ(srv->port(), 8080);
+    EXPECT_EQ(srv->target(), "kitchen.local");
+}
+
+TEST(MDNSResources, TXTKeysWithoutValuesAndBinaryValues) {
+    DnsMessage m(0, 0x8400);
+    m.record(DnsMessage::answer, "Kitchen._http._tcp.local", 16, 0x8001, 4500, [](DnsMessage& d) {
+        d.writeTxt({"path=/", "flag", "empty=", "path=/second"});
+        d.write(Bytes{5, 'b', 'i', 'n', '=', 0xff});
+    });
+    auto txt = std::dynamic_pointer_cast<PXDNSTXTResource>(decodeMessage(m.bytes())->answerRecords().at(0).resource());
+    ASSERT_TRUE(txt);
+    EXPECT_EQ(txt->txt().size(), 4u);
+    EXPECT_EQ(*txt->valueForKey("path")->string(), "/") << "the first of a repeated key counts";
+    EXPECT_EQ(*txt->valueForKey("flag")->string(), "");
+    EXPECT_EQ(*txt->valueForKey("empty")->string(), "");
+    ASSERT_TRUE(txt->valueForKey("bin")->bytes());
+    EXPECT_EQ(txt->valueForKey("bin")->bytes()->hexEncodedString(), "ff");
+    EXPECT_TRUE(PXDNSTXTResource::dictionaryFromTXTRecordData(Bytes{9, 'a'}).empty()) << "a string overruns";
+}
+
+TEST(MDNSResources, PTRAndAAAA) {
+    DnsMessage m(0, 0x8400);
+    m.record(DnsMessage::answer, "_http._tcp.local", 12, 1, 4500,
+             [](DnsMessage& d) { d.writeName("Kitchen._http._tcp.local"); });
+    const IPv6Address address = ip6("fe80::1:2");
+    m.record(DnsMessage::answer, "kitchen.local", 28, 0x8001, 120, [&](DnsMessage& d) {
+        d.write(Bytes(address.begin(), address.end()));
+    });
+    m.record(DnsMessage::answer, "kitchen.local", 28, 0x8001, 120, [](DnsMessage& d) { d.write(Bytes(15, 1)); });
+    auto packet = decodeMessage(m.bytes());
+    auto ptr = std::dynamic_pointer_cast<PXDNSPTRResource>(packet->answerRecords().at(0).resource());
+    ASSERT_TRUE(ptr);
+    EXPECT_EQ(ptr->canonicalName(), "Kitchen._http._tcp.local");
+    auto aaaa = std::dynamic_pointer_cast<PXDNSIPv6AddressResource>(packet->answerRecords().at(1).resource());
+    ASSERT_TRUE(aaaa);
+    EXPECT_EQ(aaaa->ipv6Address(), PXIPv6Packet::stringFromIPv6Address(address.data()));
+    EXPECT_FALSE(packet->answerRecords().at(2).resource());
+}
+
+TEST(MDNSEntry, TitleHeaderAndSections) {
+    DnsMessage m(7, 0x8400);
+    m.ask("_http._tcp.local", 12);
+    m.record(DnsMessage::answer, "_http._tcp.local", 12, 1, 4500,
+             [](DnsMessage& d) { d.writeName("Kitchen._http._tcp.local"); });
+    m.record(DnsMessage::additional, "kitchen.local", 1, 0x8001, 120, [](DnsMessage& d) { d.write(0x0a000001, 4); });
+    auto entry = decodeMessage(m.bytes())->reportAnalyzerEntry();
+    EXPECT_EQ(entry->plainTitle(), "Peerbell Q: _http._tcp.local, A: _http._tcp.local, AR: kitchen.local");
+    const std::vector<std::string> titles = rows(*entry);
+    ASSERT_EQ(titles.size(), 19u);
+    EXPECT_EQ(std::vector<std::string>(titles.begin(), titles.begin() + 3),
+              (std::vector<std::string>{"Transaction ID: 7", "Flags: 0x8400", "Name Service Response: NO"}));
+    EXPECT_EQ(titles[10], "Return Code: 0x08");
+    EXPECT_EQ(std::vector<std::string>(titles.end() - 4, titles.end()),
+              (std::vector<std::string>{"Questions (1 record)", "Answers (1 record)",
+                                        "Authoritative Answers (0 records)", "Additional (1 record)"}));
+    auto& questions = *entry->children()->at(15);
+    EXPECT_EQ(questions.children()->at(0)->plainTitle(), "Question 0");
+    EXPECT_EQ(rows(*questions.children()->at(0)),
+              (std::vector<std::string>{"Name: _http._tcp.local", "Type: 0x000c (PTR)", "Class: 0x0001"}));
+    auto& answer = *entry->children()->at(16)->children()->at(0);
+    EXPECT_EQ(answer.plainTitle(), "Record 0");
+    EXPECT_EQ(rows(answer), (std::vector<std::string>{"Name: _http._tcp.local", "Type: 0x000c (PTR)",
+                                                      "Class: 0x0001", "TTL: 4500 (1h 15m)",
+                                                      "Resource Data Length: 10", "Resource Data (10 bytes)",
+                                                      "Parsed Resource"}));
+    EXPECT_EQ(rows(*answer.children()->back()), (std::vector<std::string>{"Canonical Name: Kitchen._http._tcp.local"}));
+    auto& additional = *entry->children()->at(18)->children()->at(0);
+    EXPECT_EQ(rows(additional).back(), "Resource Data (4 bytes)") << "an A record has no parsed resource";
+}
+
+TEST(MDNSChain, OnlyDatagramsFrom5353To5353AndOnlyTheDatagramsBytes) {
+    DnsMessage m(0, 0);
+    m.ask("_http._tcp.local", 12);
+    EXPECT_EQ(layerNames(decode(mdnsFrame(m.bytes()))).back(), "PXMDNSPacket");
+    const Bytes toOtherPort =
+        ethernet(kMacB, kMacA, kEtherTypeIPv4, ipv4(kClient4, kServer4, kProtoUDP, udp(5353, 5354, m.bytes())));
+    EXPECT_EQ(layerNames(decode(toOtherPort)).back(), "PXUDPPacket");
+    // A record announced but missing: the frame's padding must not stand in for it.
+    Bytes padded = mdnsFrame(header(0, 0, 1));
+    padded.resize(padded.size() + 18, 0);
+    EXPECT_EQ(layerNames(decode(padded)).back(), "PXUDPPacket");
+    EXPECT_EQ(PXMDNSPacket::nameOfRecordType(28), "AAAA (IPv6)");
+    EXPECT_EQ(PXMDNSPacket::nameOfRecordType(99), "unknown");
+}
