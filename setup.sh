@@ -13,7 +13,7 @@ PACKAGES=(
   libpcap-dev libssl-dev libasio-dev libgtest-dev libbenchmark-dev libtins-dev uuid-dev
   tshark tcpdump curl python3 nlohmann-json3-dev
   libplist-dev libsystemd-dev libelf-dev polkitd pkexec passwd
-  libavahi-common-dev avahi-daemon avahi-utils iproute2
+  libavahi-common-dev avahi-daemon avahi-utils dbus-daemon iproute2
 )
 JOBS=$(nproc)
 
