@@ -37,10 +37,11 @@ volatile std::uint64_t gSink = 0;
 
 // --- The responses ------------------------------------------------------------
 
-constexpr const char* kDevices[] = {"Living Room TV", "Kitchen Display", "Office Printer", "Bedroom Speaker",
-                                    "Studio Mac mini", "Hallway Thermostat", "Garage Camera", "Den Receiver"};
-constexpr const char* kServices[] = {"_airplay._tcp", "_raop._tcp",       "_ipp._tcp",  "_http._tcp",
-                                     "_googlecast._tcp", "_spotify-connect._tcp", "_hap._tcp", "_companion-link._tcp"};
+constexpr const char* kDevices[] = {"Living Room TV",  "Kitchen Display",    "Office Printer", "Bedroom Speaker",
+                                    "Studio Mac mini", "Hallway Thermostat", "Garage Camera",  "Den Receiver"};
+constexpr const char* kServices[] = {"_airplay._tcp", "_raop._tcp",          "_ipp._tcp",
+                                     "_http._tcp",    "_googlecast._tcp",    "_spotify-connect._tcp",
+                                     "_hap._tcp",     "_companion-link._tcp"};
 
 struct Generated {
     std::vector<Frame> frames;
@@ -80,7 +81,8 @@ Generated generateResponses(std::uint64_t seed, std::size_t count) {
             });
             out.records += 3;
         }
-        m.record(DnsMessage::additional, host, 1, 0x8001, 120, [&](DnsMessage& d) { d.write(0xc0a80100 | below(254), 4); });
+        m.record(DnsMessage::additional, host, 1, 0x8001, 120,
+                 [&](DnsMessage& d) { d.write(0xc0a80100 | below(254), 4); });
         m.record(DnsMessage::additional, host, 28, 0x8001, 120, [&](DnsMessage& d) {
             d.write(0xfe80000000000000ull, 8);
             d.write(random(), 8);
@@ -154,7 +156,9 @@ std::optional<ProcessTimes> runTshark(const std::string& path) {
     const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
     getrusage(RUSAGE_CHILDREN, &after);
     if (status != 0) return std::nullopt;
-    auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6; };
+    auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6;
+    };
     return ProcessTimes{wall.count(), seconds(after.ru_utime) - seconds(before.ru_utime) + seconds(after.ru_stime) -
                                           seconds(before.ru_stime)};
 }

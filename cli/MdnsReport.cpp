@@ -54,8 +54,10 @@ nlohmann::ordered_json recordsJSON(const std::vector<PXMDNSRecord>& records) {
 
 std::string endpoint(const PXPacket* ip, std::uint16_t port, bool source) {
     std::string address;
-    if (const auto* v4 = dynamic_cast<const PXIPv4Packet*>(ip)) address = source ? v4->sourceAddress() : v4->destAddress();
-    if (const auto* v6 = dynamic_cast<const PXIPv6Packet*>(ip)) address = source ? v6->sourceAddress() : v6->destAddress();
+    if (const auto* v4 = dynamic_cast<const PXIPv4Packet*>(ip))
+        address = source ? v4->sourceAddress() : v4->destAddress();
+    if (const auto* v6 = dynamic_cast<const PXIPv6Packet*>(ip))
+        address = source ? v6->sourceAddress() : v6->destAddress();
     return address + ":" + std::to_string(port);
 }
 

@@ -7,9 +7,11 @@ using namespace wireloom::cli;
 
 void wireloom::cli::printUsage(std::FILE* to) {
     std::fputs(
-        "usage: wireloom read FILE [--flows] [--http] [--mdns] [--format tree|json|oneline|none] [--color auto|always|never]\n"
+        "usage: wireloom read FILE [--flows] [--http] [--mdns] [--format tree|json|oneline|none]\n"
+        "                          [--color auto|always|never]\n"
         "       wireloom capture [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]\n"
-        "                        [--flows] [--http] [--mdns] [--format tree|oneline|json|none] [--color auto|always|never]\n"
+        "                        [--flows] [--http] [--mdns] [--format tree|oneline|json|none]\n"
+        "                        [--color auto|always|never]\n"
         "       wireloom follow FILE KEY [--direction 0|1]\n"
         "       wireloom devices\n"
         "\n"

@@ -21,9 +21,9 @@ std::size_t inspect(const PXMDNSPacket& packet, std::size_t size) {
          {&packet.answerRecords(), &packet.authoritativeAnswerRecords(), &packet.additionalRecords()}) {
         for (const PXMDNSRecord& record : *section) {
             WL_ASSERT(record.resourceData().size() == record.resourceDataLength(), "resource data of another length");
-            WL_ASSERT(record.resourceDataOffsetInMessage() + record.resourceDataLength() <=
-                          static_cast<std::int64_t>(size),
-                      "resource data outside the message");
+            WL_ASSERT(
+                record.resourceDataOffsetInMessage() + record.resourceDataLength() <= static_cast<std::int64_t>(size),
+                "resource data outside the message");
             if (auto txt = std::dynamic_pointer_cast<PXDNSTXTResource>(record.resource())) total += txt->txt().size();
         }
     }

@@ -45,7 +45,6 @@ constexpr const char* kWebServer = "203.0.113.80";
 constexpr const char* kWebServer6 = "2001:db8:80::80";
 constexpr const char* kMdnsGroup = "224.0.0.251";
 
-
 Bytes bytesOfArray(const auto& array) { return Bytes(array.begin(), array.end()); }
 
 // --- HTTP ----------------------------------------------------------------------
@@ -243,7 +242,9 @@ std::vector<Frame> demoFrames() {
                     m.writeName(target);
                 })
         .record(DnsMessage::additional, instance, 16, 0x8001, 4500,
-                [](DnsMessage& m) { m.writeTxt({"path=/", "model=kd-10"}); })
+                [](DnsMessage& m) {
+                    m.writeTxt({"path=/", "model=kd-10"});
+                })
         .record(DnsMessage::additional, target, 1, 0x8001, 120,
                 [](DnsMessage& m) { m.write(bytesOfArray(ip4(kDisplay))); });
     frames.push_back(

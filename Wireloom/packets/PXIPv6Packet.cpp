@@ -5,7 +5,6 @@
 #include <Wireloom/packets/detail/IPProtocols.hpp>
 #include <Wireloom/packets/detail/PacketEntryTitles.hpp>
 
-
 namespace wireloom {
 
 namespace {

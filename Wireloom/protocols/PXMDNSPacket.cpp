@@ -89,10 +89,10 @@ PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketP
     packet->additionalRRC_ = cursor.readBE<std::uint16_t>();
     std::uint32_t count = kHeaderSize;
 
-    packet->questionRecords_.reserve(std::min<std::size_t>(packet->questionRRC_, cursor.remaining() / kSmallestQuestion));
+    packet->questionRecords_.reserve(
+        std::min<std::size_t>(packet->questionRRC_, cursor.remaining() / kSmallestQuestion));
     for (std::uint16_t i = 0; i < packet->questionRRC_; ++i) {
-        std::optional<std::string> name =
-            readFullyQualitifiedDomainName(bytes.data(), bytes.size(), cursor, count);
+        std::optional<std::string> name = readFullyQualitifiedDomainName(bytes.data(), bytes.size(), cursor, count);
         if (!name || !cursor.has(4)) return nullptr;
         PXMDNSQuestion& question = packet->questionRecords_.emplace_back();
         question.setRecordName(std::move(*name));
@@ -126,8 +126,8 @@ void addRecordSection(PXReportAnalyzerEntry& entry, std::string_view label, cons
         line->addLineWithKey("Name", record.recordName() ? Value(*record.recordName()) : Value());
         line->addLineWithKey("Type", typeText(record.recordType()));
         line->addLineWithKey("Class", detail::stringWithFormat("0x%04x", record.recordClass()));
-        line->addLineWithKey("TTL", detail::stringWithFormat("%u (%s)", record.ttl(),
-                                                             stringWithDuration(record.ttl()).c_str()));
+        line->addLineWithKey(
+            "TTL", detail::stringWithFormat("%u (%s)", record.ttl(), stringWithDuration(record.ttl()).c_str()));
         line->addLineWithKey("Resource Data Length", record.resourceDataLength());
         line->addEntryWithData(record.resourceData(), "Resource Data");
         if (record.resource())
@@ -147,8 +147,7 @@ std::shared_ptr<PXReportAnalyzerEntry> PXMDNSPacket::reportAnalyzerEntry() const
     };
     for (const PXMDNSQuestion& question : questionRecords_) list("Q: ", &question.recordName());
     auto listRecords = [&](const char* prefix, const std::vector<PXMDNSRecord>& records) {
-        for (const PXMDNSRecord& record : records)
-            list(prefix, record.recordName() ? &*record.recordName() : nullptr);
+        for (const PXMDNSRecord& record : records) list(prefix, record.recordName() ? &*record.recordName() : nullptr);
     };
     listRecords("A: ", answerRecords_);
     listRecords("AA: ", authorityRecords_);

@@ -46,10 +46,10 @@ std::string joined(const std::vector<std::string>& parts) {
 }
 
 // One frame as tshark's fields give it, each list in message order.
-constexpr const char* kFields[] = {"frame.number",    "dns.qry.name",   "dns.qry.type",     "dns.resp.name",
-                                   "dns.resp.type",   "dns.resp.ttl",   "dns.srv.service",  "dns.srv.proto",
-                                   "dns.srv.name",    "dns.srv.port",   "dns.srv.target",   "dns.txt",
-                                   "dns.aaaa",        "dns.ptr.domain_name"};
+constexpr const char* kFields[] = {"frame.number",  "dns.qry.name",       "dns.qry.type",    "dns.resp.name",
+                                   "dns.resp.type", "dns.resp.ttl",       "dns.srv.service", "dns.srv.proto",
+                                   "dns.srv.name",  "dns.srv.port",       "dns.srv.target",  "dns.txt",
+                                   "dns.aaaa",      "dns.ptr.domain_name"};
 using Fields = std::map<std::string, std::vector<std::string>>;
 
 // The same lists from wireloom's JSON line. tshark names an SRV record's
@@ -131,8 +131,9 @@ TEST(AvahiNetnsCapture, EveryMessageReadsAsTsharkReadsIt) {
             ours[frame] = std::move(message);
         }
 
-    std::string command = "tshark -r " + capture.string() +
-                          " -Y 'udp.srcport == 5353 && udp.dstport == 5353' -T fields -E separator=/t -E aggregator='|'";
+    std::string command =
+        "tshark -r " + capture.string() +
+        " -Y 'udp.srcport == 5353 && udp.dstport == 5353' -T fields -E separator=/t -E aggregator='|'";
     for (const char* field : kFields) command += std::string(" -e ") + field;
     const std::string theirs = output(command + " 2>/dev/null", &status);
     ASSERT_EQ(status, 0);
@@ -149,9 +150,9 @@ TEST(AvahiNetnsCapture, EveryMessageReadsAsTsharkReadsIt) {
         const Fields expected = normalised(tshark);
         Fields actual = fieldsOf(ours[frame]);
         std::sort(actual["dns.txt"].begin(), actual["dns.txt"].end());
-        for (const char* key : {"dns.qry.name", "dns.qry.type", "dns.resp.name", "srv owner", "dns.resp.type",
-                                "dns.resp.ttl", "dns.srv.port", "dns.srv.target", "dns.txt", "dns.aaaa",
-                                "dns.ptr.domain_name"}) {
+        for (const char* key :
+             {"dns.qry.name", "dns.qry.type", "dns.resp.name", "srv owner", "dns.resp.type", "dns.resp.ttl",
+              "dns.srv.port", "dns.srv.target", "dns.txt", "dns.aaaa", "dns.ptr.domain_name"}) {
             auto value = [key](const Fields& f) { return f.count(key) ? joined(f.at(key)) : std::string(); };
             EXPECT_EQ(value(actual), value(expected)) << "frame " << frame << ", " << key;
         }

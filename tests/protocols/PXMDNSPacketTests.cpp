@@ -52,8 +52,8 @@ std::optional<std::string> readName(const Bytes& message, std::size_t at, std::u
     detail::ByteReader cursor(message.data(), message.size());
     cursor.seek(at);
     std::uint32_t count = 0;
-    auto name = readFullyQualitifiedDomainName(withMessageStart ? message.data() : nullptr, message.size(), cursor,
-                                               count);
+    auto name =
+        readFullyQualitifiedDomainName(withMessageStart ? message.data() : nullptr, message.size(), cursor, count);
     if (consumed) *consumed = count;
     if (endsAt) *endsAt = cursor.offset();
     return name;
@@ -206,9 +206,8 @@ TEST(MDNSResources, PTRAndAAAA) {
     m.record(DnsMessage::answer, "_http._tcp.local", 12, 1, 4500,
              [](DnsMessage& d) { d.writeName("Kitchen._http._tcp.local"); });
     const IPv6Address address = ip6("fe80::1:2");
-    m.record(DnsMessage::answer, "kitchen.local", 28, 0x8001, 120, [&](DnsMessage& d) {
-        d.write(Bytes(address.begin(), address.end()));
-    });
+    m.record(DnsMessage::answer, "kitchen.local", 28, 0x8001, 120,
+             [&](DnsMessage& d) { d.write(Bytes(address.begin(), address.end())); });
     m.record(DnsMessage::answer, "kitchen.local", 28, 0x8001, 120, [](DnsMessage& d) { d.write(Bytes(15, 1)); });
     auto packet = decodeMessage(m.bytes());
     auto ptr = std::dynamic_pointer_cast<PXDNSPTRResource>(packet->answerRecords().at(0).resource());
@@ -242,10 +241,9 @@ TEST(MDNSEntry, TitleHeaderAndSections) {
               (std::vector<std::string>{"Name: _http._tcp.local", "Type: 0x000c (PTR)", "Class: 0x0001"}));
     auto& answer = *entry->children()->at(16)->children()->at(0);
     EXPECT_EQ(answer.plainTitle(), "Record 0");
-    EXPECT_EQ(rows(answer), (std::vector<std::string>{"Name: _http._tcp.local", "Type: 0x000c (PTR)",
-                                                      "Class: 0x0001", "TTL: 4500 (1h 15m)",
-                                                      "Resource Data Length: 10", "Resource Data (10 bytes)",
-                                                      "Parsed Resource"}));
+    EXPECT_EQ(rows(answer), (std::vector<std::string>{"Name: _http._tcp.local", "Type: 0x000c (PTR)", "Class: 0x0001",
+                                                      "TTL: 4500 (1h 15m)", "Resource Data Length: 10",
+                                                      "Resource Data (10 bytes)", "Parsed Resource"}));
     EXPECT_EQ(rows(*answer.children()->back()), (std::vector<std::string>{"Canonical Name: Kitchen._http._tcp.local"}));
     auto& additional = *entry->children()->at(18)->children()->at(0);
     EXPECT_EQ(rows(additional).back(), "Resource Data (4 bytes)") << "an A record has no parsed resource";
