@@ -1,4 +1,5 @@
 #include "MdnsReport.hpp"
+#include "SourceFilter.hpp"
 
 namespace wireloom::cli {
 
@@ -86,20 +87,28 @@ nlohmann::ordered_json mdnsJSON(const PXMDNSPacket& message, std::uint64_t frame
 void MdnsPrinter::print(const PXPacket& innermost) {
     ++frame_;
     const auto message = innermost.packetWithProtocol<PXMDNSPacket>();
-    if (!message) {
-        frames_.skip();
-        return;
-    }
+    if (!message) return;
     ++messages_;
     questions_ += message->questionRecords().size();
     records_ += message->answerRecords().size() + message->authoritativeAnswerRecords().size() +
                 message->additionalRecords().size();
-    if (format_ == Format::Json) {
-        const std::string line = jsonLine(mdnsJSON(*message, frame_));
-        std::fwrite(line.data(), 1, line.size(), out_);
-    } else if (format_ != Format::None) {
-        frames_.print(innermost);
-    }
+    auto packet = std::static_pointer_cast<const PXPacket>(innermost.shared_from_this());
+    const auto show = [this, message, packet, number = frame_] {
+        ++shown_;
+        if (format_ == Format::Json) {
+            const std::string line = jsonLine(mdnsJSON(*message, number));
+            std::fwrite(line.data(), 1, line.size(), out_);
+        } else if (format_ != Format::None) {
+            frames_.show(*packet, number);
+        }
+    };
+    if (!filter_) return show();
+    filter_->offer(frameSource(packet, frame_, show));
+}
+
+void MdnsPrinter::setFilter(SourceFilter* filter) {
+    filter_ = filter;
+    frames_.setFilter(filter);
 }
 
 void MdnsPrinter::finish() {
@@ -107,6 +116,7 @@ void MdnsPrinter::finish() {
         std::fprintf(out_, "frames read: %llu\nmDNS messages: %llu\nquestions: %llu\nrecords: %llu\n",
                      static_cast<unsigned long long>(frame_), static_cast<unsigned long long>(messages_),
                      static_cast<unsigned long long>(questions_), static_cast<unsigned long long>(records_));
+        if (filter_) std::fprintf(out_, "mDNS messages shown: %llu\n", static_cast<unsigned long long>(shown_));
         std::fflush(out_);
         return;
     }
