@@ -6,10 +6,10 @@
 // The input: a pattern count, the patterns (a length byte, then the bytes,
 // zero bytes included), then records until the input ends. A record is a
 // mode byte and its text; mode bit 0x80 gives the text as a length byte and
-// bytes (zero bytes become 'z'), otherwise the text is a filler of one letter,
-// up to 2.5 MiB long, so that records and matches reach across the search's
-// 2 MiB window; bit 0x40 takes the index from four input bytes, which can
-// make an index field look like text.
+// bytes (zero bytes become 'z'); otherwise the text is a filler of one
+// letter, up to 2.2 KiB long, or with bit 0x20 up to 2.5 MiB, so that records
+// and matches reach across the search's 2 MiB window; bit 0x40 takes the
+// index from four input bytes, which can make an index field look like text.
 #include "FuzzTarget.hpp"
 
 #include <Wireloom/core/Assert.hpp>
@@ -51,7 +51,8 @@ WIRELOOM_FUZZ_TARGET(filter_index) {
                 record.text.push_back(c == '\0' ? 'z' : c);
             }
         } else {
-            record.text.assign((mode & 0x3F) * 40000u + in.readByte(), static_cast<char>('a' + mode % 3));
+            const std::size_t unit = mode & 0x20 ? 80000 : 64;
+            record.text.assign((mode & 0x1F) * unit + in.readByte(), static_cast<char>('a' + mode % 3));
         }
         if ((mode & 0x40) && in.has(4)) record.index = in.readHost<std::uint32_t>();
         image += record.text;
