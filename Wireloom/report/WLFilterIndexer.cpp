@@ -17,6 +17,8 @@ namespace {
 
 constexpr std::int64_t kAlign = WLFilterIndexer::kNullTerminatorSize;
 constexpr auto kBufferSize = static_cast<std::int64_t>(WLFilterIndexer::kReadBufferSize);
+// Ten skips that advance less than this hand over to memchr.
+constexpr std::int64_t kShortAdvance = 128;
 
 std::uint32_t littleEndian32(const std::uint8_t* bytes) {
     return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8 |
@@ -139,13 +141,15 @@ void PatternSearch::runFast(std::int64_t& t, IndexSet& result, bool& stopped) {
     // the slide keeps 10 m of window.
     const std::int64_t limit = n_ - 11 * m_;
     const std::uint8_t* d = d_.data();
+    const std::uint8_t last = p_[m_ - 1];
     while (t <= limit) {
         if (t - bufferStart_ + 10 * m_ >= kBufferSize && !slideTo(t - m_ - 1)) {
             stopped = true;
             return;
         }
         const std::uint8_t* b = buffer_;
-        std::int64_t k = t - bufferStart_;
+        const std::int64_t k0 = t - bufferStart_;
+        std::int64_t k = k0;
         std::uint8_t s;
         // Unrolled 2 + 3 + 3 + 2: a zero shift stays zero, so testing the
         // last shift of each group is enough.
@@ -162,11 +166,32 @@ void PatternSearch::runFast(std::int64_t& t, IndexSet& result, bool& stopped) {
                 if (s != 0) {
                     s = d[b[k - 1]], k += s;
                     s = d[b[k - 1]], k += s;
+                    // Ten steps that went little way mean the pattern's
+                    // bytes are everywhere: memchr finds the next last byte
+                    // faster, a vector at a time. It passes over no end of
+                    // a match, so the answers are the same.
+                    if (s != 0 && k - k0 < kShortAdvance) {
+                        const std::int64_t stop = std::min(limit - bufferStart_, kBufferSize - 10 * m_ - 1);
+                        const void* next = k <= stop ? std::memchr(b + k - 1, last, static_cast<std::size_t>(stop - k + 1))
+                                                     : nullptr;
+                        if (next) {
+                            k = static_cast<const std::uint8_t*>(next) - b + 1;
+                            s = 0;
+                        } else {
+                            k = std::max(k, stop + 1);
+                        }
+                    }
                 }
             }
         }
         t = k + bufferStart_;
         if (s != 0) continue;
+        // Most candidates fail on the guard byte, which the window always
+        // holds here (it starts before t - m).
+        if (b[k - 2] != guard_) {
+            t += md2_;
+            continue;
+        }
         switch (verify(t)) {
         case Verdict::Stop: stopped = true; return;
         case Verdict::Accepted:
