@@ -4,6 +4,7 @@
 #include <Wireloom/core/NotificationCenter.hpp>
 #include <Wireloom/report/PXReportAnalyzerEntry.hpp>
 #include <Wireloom/report/PXReportAnalyzerFilter.hpp>
+#include "support/StubEntrySource.hpp"
 
 #include <gtest/gtest.h>
 
@@ -16,37 +17,28 @@ using namespace wireloom;
 namespace {
 
 // A source with a fixed text; one without text answers `decision` itself.
-class TextSource : public Object, public PXReportAnalyzerEntrySource {
+// Its entry is made when asked, so that a test can give it a view.
+class TextSource : public wireloom::testing::StubEntrySource {
 public:
-    TextSource(std::string text, bool decision = false) : text_(std::move(text)), decision_(decision) {}
+    using StubEntrySource::StubEntrySource;
 
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntryUsingCache() override {
         if (!entry_) {
             entry_ = PXReportAnalyzerEntry::entry();
-            entry_->setSectionTitle(text_);
+            entry_->setSectionTitle(text());
         }
         return entry_;
     }
     bool hasCachedReportAnalyzerEntry() const override { return entry_ != nullptr; }
-    double reportAnalyzerTimestamp() const override { return 0; }
-    std::string pasteboardString() override { return text_; }
-    bool filterShouldIncludeEntryUsingInclusiveWords(const std::vector<std::string>&,
-                                                     const std::vector<std::string>&) override {
+    bool filterShouldIncludeEntryUsingInclusiveWords(const std::vector<std::string>& inclusive,
+                                                     const std::vector<std::string>& exclusive) override {
         ++decisions;
-        return decision_;
+        return StubEntrySource::filterShouldIncludeEntryUsingInclusiveWords(inclusive, exclusive);
     }
-    std::string representativeFilterText() override { return text_; }
-    bool hasResourcesLoaded() const override { return true; }
-    void swapResourcesOut() override {}
-    void swapResourcesInWhenAvailable() override {}
-    void ensureResourcesSwappedIn() override {}
 
-    const std::string& text() const { return text_; }
     std::atomic<int> decisions{0};
 
 private:
-    std::string text_;
-    bool decision_;
     std::shared_ptr<PXReportAnalyzerEntry> entry_;
 };
 
