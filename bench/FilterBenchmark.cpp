@@ -54,9 +54,10 @@ public:
         std::string text = "frame " + std::to_string(number) + "\nethernet 02:00:5e:10:" + hex2() + ":" + hex2() +
                            " => 0a:1b:2c:3d:4e:" + hex2() + "\n";
         const bool v6 = random_.chance(0.1);
-        text += v6 ? "ipv6 2001:db8:" + std::to_string(random_.between(1, 99)) + "::" + std::to_string(random_.between(1, 999))
-                   : "ipv4 10." + std::to_string(random_.between(0, 255)) + "." + std::to_string(random_.between(0, 255)) +
-                         "." + std::to_string(random_.between(1, 254));
+        text += v6 ? "ipv6 2001:db8:" + std::to_string(random_.between(1, 99)) +
+                         "::" + std::to_string(random_.between(1, 999))
+                   : "ipv4 10." + std::to_string(random_.between(0, 255)) + "." +
+                         std::to_string(random_.between(0, 255)) + "." + std::to_string(random_.between(1, 254));
         text += " => 203.0.113." + std::to_string(random_.between(1, 254)) + "\n";
         const std::uint32_t kind = random_.between(0, 99);
         if (kind < 15) {
@@ -82,19 +83,20 @@ private:
         return {kHex[v >> 4], kHex[v & 15]};
     }
     std::string host() {
-        static const char* const kHosts[] = {"www.example.org", "cdn.example.net", "api.example.com", "mail.example.org",
-                                             "time.example.com", "shop.example.net"};
+        static const char* const kHosts[] = {"www.example.org",  "cdn.example.net",  "api.example.com",
+                                             "mail.example.org", "time.example.com", "shop.example.net"};
         return kHosts[random_.between(0, 5)];
     }
     std::string service() {
-        static const char* const kServices[] = {"airplay", "raop", "ipp", "companion-link", "googlecast", "spotify-connect"};
+        static const char* const kServices[] = {"airplay",        "raop",       "ipp",
+                                                "companion-link", "googlecast", "spotify-connect"};
         return kServices[random_.between(0, 5)];
     }
     std::string request() {
         std::string method = random_.chance(kWordShare[0] / 0.6) ? "post" : "get";
         std::string path = random_.chance(kWordShare[1] / 0.6) ? "/api/v2/items/" : "/static/img/";
-        std::string line = method + " " + path + std::to_string(random_.between(1, 99999)) + " http/1.1\nhost: " + host() +
-                           "\n";
+        std::string line =
+            method + " " + path + std::to_string(random_.between(1, 99999)) + " http/1.1\nhost: " + host() + "\n";
         line += random_.chance(kWordShare[2] / 0.6) ? kWords[2] + "\n" : "accept: */*\n";
         return line;
     }
@@ -128,7 +130,8 @@ long memmemCount(const std::string& word, int fd, std::int64_t length, std::vect
         const std::size_t size = held + static_cast<std::size_t>(got);
         const char* at = buffer.data();
         const char* end = buffer.data() + size;
-        while ((at = static_cast<const char*>(memmem(at, static_cast<std::size_t>(end - at), word.data(), word.size())))) {
+        while (
+            (at = static_cast<const char*>(memmem(at, static_cast<std::size_t>(end - at), word.data(), word.size())))) {
             ++count;
             at += word.size();
         }
@@ -162,25 +165,27 @@ void measureFilter(long records) {
     std::vector<PXReportAnalyzerFilter::SourcePtr> sources;
     sources.reserve(static_cast<std::size_t>(records));
     const long beforeSources = residentKilobytes();
-    for (long i = 0; i < records; ++i) sources.push_back(std::make_shared<NumberedSource>(static_cast<std::uint64_t>(i)));
+    for (long i = 0; i < records; ++i)
+        sources.push_back(std::make_shared<NumberedSource>(static_cast<std::uint64_t>(i)));
     const long withSources = residentKilobytes();
     const auto wallStart = std::chrono::steady_clock::now();
     auto filter = PXReportAnalyzerFilter::init();
     filter->appendEntrySources(sources);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
     const long appended = residentKilobytes();
-    std::printf("Filter: %ld sources appended in one call in %.2f s wall (texts built on every core, indexed);\n"
-                "  resident size %.1f MB for the sources, then %.1f MB more for the filter's lists and index\n",
-                records, seconds, static_cast<double>(withSources - beforeSources) / 1024,
-                static_cast<double>(appended - withSources) / 1024);
+    std::printf(
+        "Filter: %ld sources appended in one call in %.2f s wall (texts built on every core, indexed);\n"
+        "  resident size %.1f MB for the sources, then %.1f MB more for the filter's lists and index\n",
+        records, seconds, static_cast<double>(withSources - beforeSources) / 1024,
+        static_cast<double>(appended - withSources) / 1024);
     std::fflush(stdout);
     _exit(0);
 }
 
 struct Pass {
-    std::string name;                      // index, grep, memmem
-    std::vector<std::string> words;        // one, or all three
-    std::function<double()> run;           // CPU seconds
+    std::string name;                // index, grep, memmem
+    std::vector<std::string> words;  // one, or all three
+    std::function<double()> run;     // CPU seconds
     std::vector<double> cpu, wall;
 };
 
@@ -192,9 +197,12 @@ int main(int argc, char** argv) {
     std::string only;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string option = argv[i];
-        if (option == "--records") records = std::stol(argv[i + 1]);
-        else if (option == "--repetitions") repetitions = std::stoi(argv[i + 1]);
-        else if (option == "--only") only = argv[i + 1];
+        if (option == "--records")
+            records = std::stol(argv[i + 1]);
+        else if (option == "--repetitions")
+            repetitions = std::stoi(argv[i + 1]);
+        else if (option == "--only")
+            only = argv[i + 1];
         else {
             std::fprintf(stderr, "usage: %s [--records N] [--repetitions N] [--only index|grep|memmem]\n", argv[0]);
             return 2;
@@ -271,7 +279,8 @@ int main(int argc, char** argv) {
         passes.push_back({"memmem", words, [&, words] {
                               const double start = threadSeconds();
                               for (const std::string& word : words)
-                                  sink += static_cast<std::uint64_t>(memmemCount(word, fd, indexer->fileLength(), buffer));
+                                  sink +=
+                                      static_cast<std::uint64_t>(memmemCount(word, fd, indexer->fileLength(), buffer));
                               return threadSeconds() - start;
                           }});
     }
@@ -294,9 +303,11 @@ int main(int argc, char** argv) {
         const char* names[] = {"index", "grep", "memmem"};
         for (const Pass& pass : passes)
             for (int n = 0; n < 3; ++n)
-                if (pass.words == words && pass.name == names[n]) cpu[n] = median(pass.cpu), wall[n] = median(pass.wall);
-        std::printf("%-10s %6.1f [%5.1f] %6.1f [%5.1f] %6.1f [%5.1f] %5.2f\n", label.c_str(), cpu[0] * 1e3, wall[0] * 1e3,
-                    cpu[1] * 1e3, wall[1] * 1e3, cpu[2] * 1e3, wall[2] * 1e3, cpu[0] > 0 ? cpu[1] / cpu[0] : 0.0);
+                if (pass.words == words && pass.name == names[n])
+                    cpu[n] = median(pass.cpu), wall[n] = median(pass.wall);
+        std::printf("%-10s %6.1f [%5.1f] %6.1f [%5.1f] %6.1f [%5.1f] %5.2f\n", label.c_str(), cpu[0] * 1e3,
+                    wall[0] * 1e3, cpu[1] * 1e3, wall[1] * 1e3, cpu[2] * 1e3, wall[2] * 1e3,
+                    cpu[0] > 0 ? cpu[1] / cpu[0] : 0.0);
     }
     std::printf("(sink %llu)\n", static_cast<unsigned long long>(sink));
     return 0;

@@ -95,7 +95,8 @@ void FlowPrinter::setFilter(SourceFilter* filter) {
 
 void FlowPrinter::gather(const Object* flow, const ByteBuffer& bytes, bool fromEndpoint0) {
     std::string& carried = carried_[fromEndpoint0 ? 0 : 1][flow];
-    carried.append(bytes.stringView().substr(0, kCarriedBytesSearched - std::min(kCarriedBytesSearched, carried.size())));
+    carried.append(
+        bytes.stringView().substr(0, kCarriedBytesSearched - std::min(kCarriedBytesSearched, carried.size())));
 }
 
 void FlowPrinter::attach(const PXNetworkCapture::Ptr& capture, const PXTCPFlowTable::Ptr& tcpTable) {
@@ -182,10 +183,9 @@ void FlowPrinter::ended(const Notification& notification, bool tcp) {
         }
         carried_[1].erase(object.get());
         auto record = std::make_shared<FlowRecord>(std::move(summary));
-        filter_->offer(std::make_shared<ShownSource>(
-            ShownSource::Parts{[record] { return record->reportAnalyzerEntryUsingCache(); },
-                               [carried] { return carried; }, [this, record] { print(*record); },
-                               record->summary().startTime}));
+        filter_->offer(std::make_shared<ShownSource>(ShownSource::Parts{
+            [record] { return record->reportAnalyzerEntryUsingCache(); }, [carried] { return carried; },
+            [this, record] { print(*record); }, record->summary().startTime}));
         return;
     }
     if (format_ == Format::None) return;

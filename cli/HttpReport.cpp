@@ -409,15 +409,17 @@ void HttpPrinter::setFilter(SourceFilter* filter) {
 
 void HttpPrinter::print(const std::shared_ptr<HttpExchange>& exchange) {
     if (!filter_) return show(*exchange);
-    filter_->offer(std::make_shared<ShownSource>(ShownSource::Parts{
-        [exchange] { return exchange->reportAnalyzerEntryUsingCache(); },
-        [exchange] {
-            MutableByteBuffer bodies;
-            if (exchange->request && exchange->request->content()) bodies.append(*exchange->request->content());
-            if (exchange->response && exchange->response->content()) bodies.append(*exchange->response->content());
-            return bodies.take();
-        },
-        [this, exchange] { show(*exchange); }}));
+    filter_->offer(std::make_shared<ShownSource>(
+        ShownSource::Parts{[exchange] { return exchange->reportAnalyzerEntryUsingCache(); },
+                           [exchange] {
+                               MutableByteBuffer bodies;
+                               if (exchange->request && exchange->request->content())
+                                   bodies.append(*exchange->request->content());
+                               if (exchange->response && exchange->response->content())
+                                   bodies.append(*exchange->response->content());
+                               return bodies.take();
+                           },
+                           [this, exchange] { show(*exchange); }}));
 }
 
 void HttpPrinter::show(HttpExchange& exchange) {

@@ -61,18 +61,18 @@ bool ShownSource::filterShouldIncludeEntryUsingInclusiveWords(const std::vector<
 std::shared_ptr<ShownSource> frameSource(std::shared_ptr<const PXPacket> innermost, std::uint64_t number,
                                          std::function<void()> show) {
     const double timestamp = innermost->timestamp();
-    return std::make_shared<ShownSource>(ShownSource::Parts{
-        [innermost, number] {
-            auto frame = PXReportAnalyzerEntry::entry();
-            frame->setProtocolLayerName("Frame " + std::to_string(number));
-            for (const auto& layer : layerEntries(*innermost)) frame->addEntry(layer);
-            return frame;
-        },
-        [innermost] {
-            if (const ByteBuffer* payload = innermost->layerPayload()) return *payload;
-            return innermost->encapsulatingPacket() ? ByteBuffer() : innermost->rawData();
-        },
-        std::move(show), timestamp});
+    return std::make_shared<ShownSource>(
+        ShownSource::Parts{[innermost, number] {
+                               auto frame = PXReportAnalyzerEntry::entry();
+                               frame->setProtocolLayerName("Frame " + std::to_string(number));
+                               for (const auto& layer : layerEntries(*innermost)) frame->addEntry(layer);
+                               return frame;
+                           },
+                           [innermost] {
+                               if (const ByteBuffer* payload = innermost->layerPayload()) return *payload;
+                               return innermost->encapsulatingPacket() ? ByteBuffer() : innermost->rawData();
+                           },
+                           std::move(show), timestamp});
 }
 
 SourceFilter::SourceFilter(Mode mode) : mode_(mode), filter_(PXReportAnalyzerFilter::init()) {

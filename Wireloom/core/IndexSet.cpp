@@ -42,11 +42,10 @@ void IndexSet::addRun(std::uint64_t first, std::uint64_t last) {
         return;
     }
     // The runs that overlap or touch [first, last] merge with it.
-    auto begin = std::partition_point(ranges_.begin(), ranges_.end(),
-                                      [&](const Range& r) { return endsWellBefore(r, first); });
-    auto end = std::partition_point(begin, ranges_.end(), [&](const Range& r) {
-        return r.first <= last || r.first - last == 1;
-    });
+    auto begin =
+        std::partition_point(ranges_.begin(), ranges_.end(), [&](const Range& r) { return endsWellBefore(r, first); });
+    auto end = std::partition_point(begin, ranges_.end(),
+                                    [&](const Range& r) { return r.first <= last || r.first - last == 1; });
     if (begin == end) {
         ranges_.insert(begin, {first, last});
         return;

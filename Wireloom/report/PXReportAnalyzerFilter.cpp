@@ -134,9 +134,9 @@ void PXReportAnalyzerFilter::insertEntrySource(const SourcePtr& source, std::siz
         for (const SourcePtr& s : filteredSources_) set.insert(s.get());
         return set;
     }();
-    const auto displayedBefore = static_cast<std::size_t>(std::count_if(
-        sources_.begin(), sources_.begin() + static_cast<std::ptrdiff_t>(index),
-        [&](const SourcePtr& s) { return shown.count(s.get()) > 0; }));
+    const auto displayedBefore =
+        static_cast<std::size_t>(std::count_if(sources_.begin(), sources_.begin() + static_cast<std::ptrdiff_t>(index),
+                                               [&](const SourcePtr& s) { return shown.count(s.get()) > 0; }));
 
     sources_.insert(sources_.begin() + static_cast<std::ptrdiff_t>(index), source);
     indexerIndexes_.insert(indexerIndexes_.begin() + static_cast<std::ptrdiff_t>(index),

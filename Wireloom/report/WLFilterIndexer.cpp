@@ -46,8 +46,7 @@ bool readAt(int fd, std::uint8_t* into, std::int64_t start, std::int64_t length)
 // (the next-to-last) before the whole pattern is compared.
 class PatternSearch {
 public:
-    PatternSearch(int fd, std::int64_t fileLength, std::uint8_t* buffer)
-        : fd_(fd), n_(fileLength), buffer_(buffer) {}
+    PatternSearch(int fd, std::int64_t fileLength, std::uint8_t* buffer) : fd_(fd), n_(fileLength), buffer_(buffer) {}
 
     void run(std::string_view pattern, IndexSet& result);
 
@@ -172,8 +171,8 @@ void PatternSearch::runFast(std::int64_t& t, IndexSet& result, bool& stopped) {
                     // a match, so the answers are the same.
                     if (s != 0 && k - k0 < kShortAdvance) {
                         const std::int64_t stop = std::min(limit - bufferStart_, kBufferSize - 10 * m_ - 1);
-                        const void* next = k <= stop ? std::memchr(b + k - 1, last, static_cast<std::size_t>(stop - k + 1))
-                                                     : nullptr;
+                        const void* next =
+                            k <= stop ? std::memchr(b + k - 1, last, static_cast<std::size_t>(stop - k + 1)) : nullptr;
                         if (next) {
                             k = static_cast<const std::uint8_t*>(next) - b + 1;
                             s = 0;
@@ -337,7 +336,8 @@ void WLFilterIndexer::writeFilterText(std::string_view text, std::uint32_t index
     const std::int64_t entrySize = length + padding + 4;
     data.assign(static_cast<std::size_t>(entrySize), 0);
     std::memcpy(data.data(), text.data(), text.size());
-    for (int i = 0; i < 4; ++i) data[static_cast<std::size_t>(entrySize - 4 + i)] = static_cast<std::uint8_t>(index >> (8 * i));
+    for (int i = 0; i < 4; ++i)
+        data[static_cast<std::size_t>(entrySize - 4 + i)] = static_cast<std::uint8_t>(index >> (8 * i));
     WL_ASSERT((fileLength_ + entrySize - 4) % kNullTerminatorSize == 0,
               "(_fileLength+entrySize-4)%kNullTerminatorSize == 0");
     lseek(fd_, 0, SEEK_END);

@@ -89,7 +89,8 @@ TEST_F(FilterCommand, ReadShowsMatchingFramesUnchangedWithTheirNumbers) {
     EXPECT_EQ(css[0].substr(0, 3) + css[1].substr(0, 3) + css[2].substr(0, 3), "12 14 56 ");
     // Hex dumps are not searched: the MAC address as dumped bytes is nowhere else.
     EXPECT_TRUE(shown("--filter 0a1b2c3d").empty());
-    EXPECT_EQ(shown("--format none --filter 'udp :53' --exclude 5353")[1], "frames shown: " + std::to_string(dns.size()));
+    EXPECT_EQ(shown("--format none --filter 'udp :53' --exclude 5353")[1],
+              "frames shown: " + std::to_string(dns.size()));
 }
 
 TEST_F(FilterCommand, FlowsExchangesAndMdnsMessagesAreFoundByTheirContent) {
@@ -99,7 +100,8 @@ TEST_F(FilterCommand, FlowsExchangesAndMdnsMessagesAreFoundByTheirContent) {
     const auto notes = shown("--http --format oneline --filter api/NOTES");
     ASSERT_EQ(notes.size(), 1u);
     EXPECT_NE(notes[0].find("POST /api/notes"), std::string::npos);
-    EXPECT_TRUE(isSubsequence(shown("--flows --http --format tree --exclude get"), shown("--flows --http --format tree")));
+    EXPECT_TRUE(
+        isSubsequence(shown("--flows --http --format tree --exclude get"), shown("--flows --http --format tree")));
     const auto display = shown("--mdns --format json --filter 'kitchen display'");
     ASSERT_EQ(display.size(), 1u);
     EXPECT_EQ(display[0].rfind("{\"frame\":38,", 0), 0u) << display[0];
@@ -117,16 +119,19 @@ TEST_F(FilterCommand, SearchFindsWhatReadFilters) {
 }
 
 TEST_F(FilterCommand, InteractiveSearchAnswersEachLine) {
-    const Output r = run("search " + demo + " --http --format oneline --interactive", "get\nGET --exclude css\n\nnothing here\n");
+    const Output r =
+        run("search " + demo + " --http --format oneline --interactive", "get\nGET --exclude css\n\nnothing here\n");
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, "wireloom: 4 of 5 sources\nwireloom: 1 of 5 sources\nwireloom: 5 of 5 sources\n"
-                     "wireloom: 0 of 5 sources\n");
+    EXPECT_EQ(r.err,
+              "wireloom: 4 of 5 sources\nwireloom: 1 of 5 sources\nwireloom: 5 of 5 sources\n"
+              "wireloom: 0 of 5 sources\n");
     EXPECT_EQ(lines(r.out).size(), 10u);
 }
 
 TEST_F(FilterCommand, WrongUsageExitsWithTwo) {
-    for (std::string arguments : {std::string("search"), "search " + demo, "search " + demo + " a b", "search " + demo + " a --format none",
-                                  "read " + demo + " --filter", std::string("capture --exclude")}) {
+    for (std::string arguments :
+         {std::string("search"), "search " + demo, "search " + demo + " a b", "search " + demo + " a --format none",
+          "read " + demo + " --filter", std::string("capture --exclude")}) {
         const Output r = run(arguments);
         EXPECT_EQ(r.status, 2) << arguments;
         EXPECT_NE(r.err.find("usage: wireloom"), std::string::npos) << arguments;

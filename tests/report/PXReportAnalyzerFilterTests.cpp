@@ -156,8 +156,7 @@ public:
 
 TEST_F(ReportFilter, RemovingRenumbersAndKeepsTheIndexRight) {
     std::vector<std::shared_ptr<TextSource>> all;
-    for (const char* text : {"get one", "", "get two", "post number three", "get four"})
-        all.push_back(add(text, true));
+    for (const char* text : {"get one", "", "get two", "post number three", "get four"}) all.push_back(add(text, true));
     filter->applyInclusiveFilterString("get");
     EXPECT_EQ(shown(), (Texts{"get one", "", "get two", "get four"}));
     auto view = std::make_shared<RecordingView>();
@@ -239,7 +238,8 @@ TEST(ReportFilterConcurrency, ParallelAndSerialRunsEqualAPlainReference) {
             std::string text;
             if (random() % 10 != 0) {
                 text = "frame " + std::to_string(twins.size()) + " ";
-                for (int w = 0; w < 6; ++w) text += vocabulary[random() % vocabulary.size()] + (random() % 2 ? " " : "");
+                for (int w = 0; w < 6; ++w)
+                    text += vocabulary[random() % vocabulary.size()] + (random() % 2 ? " " : "");
                 if (random() % 2) text[random() % text.size()] = static_cast<char>('A' + random() % 26);
             }
             const bool decision = random() % 2 == 0;

@@ -116,7 +116,7 @@ TEST_F(FilterIndexer, PatternsEmptyTooLongOrCapped) {
 }
 
 TEST_F(FilterIndexer, OneByteSearchHasItsBlindSpots) {
-    indexer->writeFilterText("q...............Q", 0);  // q within the file's first 16 bytes, Q after
+    indexer->writeFilterText("q...............Q", 0);    // q within the file's first 16 bytes, Q after
     indexer->writeFilterText("...........z.......", 1);  // z is byte 11 of the text
     indexer->writeFilterText("............z......", 2);  // z is byte 12
     EXPECT_TRUE(find("q").empty());
@@ -170,8 +170,7 @@ TEST(FilterIndexerDeathTest, BrokenInvariantsStopTheProgram) {
         setrlimit(RLIMIT_FSIZE, &limit);
         indexer->writeFilterText(std::string(100, 'x'), 0);
     };
-    EXPECT_DEATH(writeOverTheLimit(),
-        "write\\(_fd, \\[data bytes\\], entrySize\\) == entrySize");
+    EXPECT_DEATH(writeOverTheLimit(), "write\\(_fd, \\[data bytes\\], entrySize\\) == entrySize");
 }
 
 TEST(FilterIndexerFailure, NoTemporaryFileNoIndexer) {
@@ -211,7 +210,8 @@ TEST_F(FilterIndexer, AgreesWithAPlainSearchPerRecord) {
     while (total < WLFilterIndexer::kReadBufferSize + 200000) {
         Record record;
         // Long records around the 2 MiB edge, so that words can cross it.
-        const bool nearEdge = total + 1000 > WLFilterIndexer::kReadBufferSize && total < WLFilterIndexer::kReadBufferSize;
+        const bool nearEdge =
+            total + 1000 > WLFilterIndexer::kReadBufferSize && total < WLFilterIndexer::kReadBufferSize;
         const std::size_t length = nearEdge ? 1500 : 1 + random() % (random() % 8 == 0 ? 2000 : 120);
         for (std::size_t i = 0; i < length; ++i) record.text.push_back(letter());
         record.index = random() % 3 == 0 ? static_cast<std::uint32_t>(records.size())
@@ -254,8 +254,9 @@ TEST_F(FilterIndexer, AgreesWithAPlainSearchPerRecord) {
             const std::size_t at = WLFilterIndexer::kReadBufferSize - edge->offset - random() % length;
             words.push_back(edge->text.substr(at, length));
         } else {
-            const std::size_t at = kind == 0 ? 0 : kind == 1 ? from.text.size() - length
-                                                             : random() % (from.text.size() - length + 1);
+            const std::size_t at = kind == 0   ? 0
+                                   : kind == 1 ? from.text.size() - length
+                                               : random() % (from.text.size() - length + 1);
             words.push_back(from.text.substr(at, length));
         }
     }
