@@ -113,8 +113,8 @@ void FramePrinter::setFilter(SourceFilter* filter) {
 void FramePrinter::print(const PXPacket& innermost) {
     ++frames_;
     if (!filter_) return show(innermost, frames_);
-    auto packet = std::static_pointer_cast<const PXPacket>(innermost.shared_from_this());
-    filter_->offer(frameSource(packet, frames_, [this, packet, number = frames_] { show(*packet, number); }));
+    filter_->offer(frameSource(filter_->keep(innermost), frames_,
+                               [this, number = frames_](const PXPacket& packet) { show(packet, number); }));
 }
 
 void FramePrinter::show(const PXPacket& innermost, std::uint64_t number) {

@@ -92,18 +92,17 @@ void MdnsPrinter::print(const PXPacket& innermost) {
     questions_ += message->questionRecords().size();
     records_ += message->answerRecords().size() + message->authoritativeAnswerRecords().size() +
                 message->additionalRecords().size();
-    auto packet = std::static_pointer_cast<const PXPacket>(innermost.shared_from_this());
-    const auto show = [this, message, packet, number = frame_] {
+    const auto show = [this, number = frame_](const PXPacket& packet) {
         ++shown_;
         if (format_ == Format::Json) {
-            const std::string line = jsonLine(mdnsJSON(*message, number));
+            const std::string line = jsonLine(mdnsJSON(*packet.packetWithProtocol<PXMDNSPacket>(), number));
             std::fwrite(line.data(), 1, line.size(), out_);
         } else if (format_ != Format::None) {
-            frames_.show(*packet, number);
+            frames_.show(packet, number);
         }
     };
-    if (!filter_) return show();
-    filter_->offer(frameSource(packet, frame_, show));
+    if (!filter_) return show(innermost);
+    filter_->offer(frameSource(filter_->keep(innermost), frame_, show));
 }
 
 void MdnsPrinter::setFilter(SourceFilter* filter) {

@@ -95,7 +95,7 @@ int searchCommand(const std::vector<std::string>& args, std::FILE* out, std::FIL
     MdnsPrinter mdnsPrinter(out, options->format, color);
     FlowPrinter flowPrinter(out, options->format, color);
     const auto httpPrinter = std::make_shared<HttpPrinter>(out, options->format, color);
-    const std::unique_ptr<SourceFilter> filter = SourceFilter::search();
+    const std::unique_ptr<SourceFilter> filter = SourceFilter::search(file->linkLayerType());
     printer.setFilter(filter.get());
     mdnsPrinter.setFilter(filter.get());
     flowPrinter.setFilter(filter.get());

@@ -4,9 +4,22 @@
 #include "HttpReport.hpp"
 #include "MdnsReport.hpp"
 
+#include <pcap/pcap.h>
 #include <algorithm>
 
+#include <cmath>
+
 namespace wireloom::cli {
+
+namespace {
+
+constexpr std::size_t kLiveSourcesKept = 4096;
+// A search indexes what arrives in batches of this many: enough for the
+// texts to be built on every core, few enough that the trees and texts
+// made for them never add up.
+constexpr std::size_t kSearchBatch = 4096;
+
+}  // namespace
 
 bool parseFilterOption(const std::vector<std::string>& args, std::size_t& i, FilterWords& words, bool* failed,
                        std::FILE* err) {
@@ -58,24 +71,51 @@ bool ShownSource::filterShouldIncludeEntryUsingInclusiveWords(const std::vector<
            std::none_of(exclusiveWords.begin(), exclusiveWords.end(), has);
 }
 
-std::shared_ptr<ShownSource> frameSource(std::shared_ptr<const PXPacket> innermost, std::uint64_t number,
-                                         std::function<void()> show) {
-    const double timestamp = innermost->timestamp();
-    return std::make_shared<ShownSource>(
-        ShownSource::Parts{[innermost, number] {
-                               auto frame = PXReportAnalyzerEntry::entry();
-                               frame->setProtocolLayerName("Frame " + std::to_string(number));
-                               for (const auto& layer : layerEntries(*innermost)) frame->addEntry(layer);
-                               return frame;
-                           },
-                           [innermost] {
-                               if (const ByteBuffer* payload = innermost->layerPayload()) return *payload;
-                               return innermost->encapsulatingPacket() ? ByteBuffer() : innermost->rawData();
-                           },
-                           std::move(show), timestamp});
+std::shared_ptr<ShownSource> frameSource(FrameProvider innermost, std::uint64_t number,
+                                         std::function<void(const PXPacket& innermost)> show) {
+    const double timestamp = innermost()->timestamp();
+    auto entry = [innermost, number] {
+        auto frame = PXReportAnalyzerEntry::entry();
+        frame->setProtocolLayerName("Frame " + std::to_string(number));
+        for (const auto& layer : layerEntries(*innermost())) frame->addEntry(layer);
+        return frame;
+    };
+    auto payload = [innermost] {
+        const auto packet = innermost();
+        if (const ByteBuffer* payload = packet->layerPayload()) return *payload;
+        return packet->encapsulatingPacket() ? ByteBuffer() : packet->rawData();
+    };
+    return std::make_shared<ShownSource>(ShownSource::Parts{
+        std::move(entry), std::move(payload), [innermost, show = std::move(show)] { show(*innermost()); }, timestamp});
 }
 
-SourceFilter::SourceFilter(Mode mode) : mode_(mode), filter_(PXReportAnalyzerFilter::init()) {
+FrameProvider SourceFilter::keep(const PXPacket& innermost) const {
+    auto packet = std::static_pointer_cast<const PXPacket>(innermost.shared_from_this());
+    if (mode_ == Mode::Live) return [packet] { return packet; };
+    // Decoded layers take a block of 4 KiB a frame; the record takes its
+    // own length.
+    const PXPacket* root = packet.get();
+    while (root->encapsulatingPacket()) root = root->encapsulatingPacket().get();
+    pcap_pkthdr header{};
+    const auto microseconds = static_cast<std::int64_t>(std::llround(root->timestamp() * 1e6));
+    header.ts.tv_sec = static_cast<time_t>(microseconds / 1000000);
+    header.ts.tv_usec = static_cast<suseconds_t>(microseconds % 1000000);
+    header.caplen = static_cast<bpf_u_int32>(root->rawData().size());
+    header.len = root->lengthOnWire();
+    struct Record {
+        pcap_pkthdr header;
+        ByteBuffer bytes;
+        int linkLayerType;
+    };
+    auto record = std::make_shared<const Record>(
+        Record{header, ByteBuffer::copy(root->rawData().data(), header.caplen), linkLayerType_});
+    return [record]() -> std::shared_ptr<const PXPacket> {
+        return PXPacket::packetWithHeader(record->header, record->bytes.data(), record->linkLayerType);
+    };
+}
+
+SourceFilter::SourceFilter(Mode mode, int linkLayerType)
+    : mode_(mode), linkLayerType_(linkLayerType), filter_(PXReportAnalyzerFilter::init()) {
     NotificationCenter::defaultCenter().addObserver(
         this, kPXReportAnalyzerFilterDisplayedEntriesChangedNotificationName,
         [this](const Notification& notification) { displayed(notification); }, filter_.get());
@@ -85,24 +125,30 @@ SourceFilter::~SourceFilter() { NotificationCenter::defaultCenter().removeObserv
 
 std::unique_ptr<SourceFilter> SourceFilter::live(const FilterWords& words) {
     if (!words.any()) return nullptr;
-    std::unique_ptr<SourceFilter> filter(new SourceFilter(Mode::Live));
+    std::unique_ptr<SourceFilter> filter(new SourceFilter(Mode::Live, 0));
     // Set before any source arrives, so each is decided as it is appended.
     filter->filter_->applyInclusiveFilterString(words.inclusive, PXReportAnalyzerFilter::RunFilter::No);
     filter->filter_->applyExclusiveFilterString(words.exclusive, PXReportAnalyzerFilter::RunFilter::No);
     return filter;
 }
 
-std::unique_ptr<SourceFilter> SourceFilter::search() {
-    return std::unique_ptr<SourceFilter>(new SourceFilter(Mode::Search));
+std::unique_ptr<SourceFilter> SourceFilter::search(int linkLayerType) {
+    return std::unique_ptr<SourceFilter>(new SourceFilter(Mode::Search, linkLayerType));
 }
 
 void SourceFilter::offer(std::shared_ptr<ShownSource> source) {
     if (mode_ == Mode::Search) {
         pending_.push_back(std::move(source));
+        if (pending_.size() >= kSearchBatch) indexOffered();
         return;
     }
     filter_->appendEntrySources({source});
     source->swapResourcesOut();
+    // A live filter never runs again over what it has decided, so the
+    // sources and their texts in the index can go: a long capture then
+    // keeps neither a list of every frame nor an index file the size of its
+    // text.
+    if (filter_->sources().size() >= kLiveSourcesKept) filter_->removeAllEntrySources();
 }
 
 void SourceFilter::displayed(const Notification& notification) {

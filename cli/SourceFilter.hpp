@@ -8,9 +8,9 @@
 //   printer.setFilter(filter.get());   // the printer offers, the filter prints
 //
 // A live filter (read, capture) decides each source as it is offered and
-// prints it at once if it passes. A search filter (search) keeps what is
-// offered, indexes it all in one append, and prints the sources each set of
-// words lets through.
+// prints it at once if it passes. A search filter (search) indexes what is
+// offered a batch at a time, keeps each frame as its record rather than its
+// decoded layers, and prints the sources each set of words lets through.
 
 #include "FramePrinter.hpp"
 
@@ -76,20 +76,28 @@ private:
     std::shared_ptr<PXReportAnalyzerEntry> entry_;
 };
 
+// A frame's innermost layer, whenever a source asks for it.
+using FrameProvider = std::function<std::shared_ptr<const PXPacket>()>;
+
 // A frame as a source: its layers' entries under one titled "Frame N", and
 // the bytes its innermost layer carries (all of them when nothing decoded).
-std::shared_ptr<ShownSource> frameSource(std::shared_ptr<const PXPacket> innermost, std::uint64_t number,
-                                         std::function<void()> show);
+std::shared_ptr<ShownSource> frameSource(FrameProvider innermost, std::uint64_t number,
+                                         std::function<void(const PXPacket& innermost)> show);
 
 class SourceFilter {
 public:
     static std::unique_ptr<SourceFilter> live(const FilterWords& words);
-    static std::unique_ptr<SourceFilter> search();
+    // Frames come from a capture of this link-layer type.
+    static std::unique_ptr<SourceFilter> search(int linkLayerType);
     ~SourceFilter();
     SourceFilter(const SourceFilter&) = delete;
     SourceFilter& operator=(const SourceFilter&) = delete;
 
     void offer(std::shared_ptr<ShownSource> source);
+    // The frame, for a source of it: a live filter holds the decoded layers
+    // for the moment it decides; a search, which may show the frame long
+    // after, keeps only its record and decodes it again when asked.
+    FrameProvider keep(const PXPacket& innermost) const;
     // Printers write out what they gathered after each round of showing.
     void addFlush(std::function<void()> flush) { flushes_.push_back(std::move(flush)); }
 
@@ -98,16 +106,18 @@ public:
     // Search: shows the sources these words let through; how many.
     std::size_t showMatching(const FilterWords& words);
 
+    // Search: the sources indexed.
     std::size_t sourceCount() const noexcept { return filter_->sources().size(); }
     std::uint64_t shownCount() const noexcept { return shown_; }
 
 private:
     enum class Mode { Live, Search };
-    explicit SourceFilter(Mode mode);
+    SourceFilter(Mode mode, int linkLayerType);
     void displayed(const Notification& notification);
     void flush();
 
     Mode mode_;
+    int linkLayerType_;
     PXReportAnalyzerFilter::Ptr filter_;
     std::vector<PXReportAnalyzerFilter::SourcePtr> pending_;
     std::vector<std::function<void()>> flushes_;

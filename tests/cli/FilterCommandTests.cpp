@@ -112,6 +112,9 @@ TEST_F(FilterCommand, SearchFindsWhatReadFilters) {
         EXPECT_EQ(shown(std::string("--format oneline --filter '") + words + "'"),
                   shown(std::string("'") + words + "' --format oneline", "search"))
             << words;
+    // A search keeps frames as records and decodes the ones it shows again.
+    EXPECT_EQ(shown("--mdns --format json --filter local"), shown("local --mdns --format json", "search"));
+    EXPECT_EQ(shown("--format tree --filter 'ipv6 hop'"), shown("'ipv6 hop' --format tree", "search"));
     const auto read = shown("--http --flows --format json --filter tcp --exclude 80");
     EXPECT_EQ(shown("tcp --exclude 80 --http --flows --format json", "search"), read);
     EXPECT_EQ(run("search " + demo + " tcp --exclude 80 --http --flows").err,
