@@ -3,6 +3,7 @@
 
 #include <Wireloom/core/Assert.hpp>
 #include <Wireloom/core/ByteBuffer.hpp>
+#include <Wireloom/core/IndexSet.hpp>
 #include <Wireloom/core/Log.hpp>
 #include <Wireloom/core/NotificationCenter.hpp>
 #include <Wireloom/core/Object.hpp>
@@ -17,9 +18,12 @@
 #include <Wireloom/text/WLColors.hpp>
 #include <Wireloom/text/WLToken.hpp>
 
+#include <Wireloom/report/PXFilterState.hpp>
 #include <Wireloom/report/PXReportAnalyzerEntry.hpp>
 #include <Wireloom/report/PXReportAnalyzerEntrySource.hpp>
+#include <Wireloom/report/PXReportAnalyzerFilter.hpp>
 #include <Wireloom/report/PXReportAnalyzerUI.hpp>
+#include <Wireloom/report/WLFilterIndexer.hpp>
 
 #include <Wireloom/packets/PXBSDLoopbackPacket.hpp>
 #include <Wireloom/packets/PXEthernetPacket.hpp>

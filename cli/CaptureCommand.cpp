@@ -1,11 +1,12 @@
 // wireloom capture [--flows] [--http] [--mdns] [-i IFACE] [-f FILTER] [-c COUNT] [--duration SECONDS] [-w OUT.pcap]
-//                  [--format tree|oneline|json] [--color auto|always|never]
+//                  [--format tree|oneline|json] [--color auto|always|never] [--filter WORDS] [--exclude WORDS]
 // wireloom devices
 #include "Commands.hpp"
 #include "FlowReport.hpp"
 #include "HttpReport.hpp"
 #include "FramePrinter.hpp"
 #include "MdnsReport.hpp"
+#include "SourceFilter.hpp"
 
 #include <Wireloom/Wireloom.hpp>
 
@@ -32,6 +33,7 @@ struct CaptureOptions {
     bool flows = false;
     bool http = false;
     bool mdns = false;
+    FilterWords words;
 };
 
 std::optional<double> positiveNumber(const std::string& text) {
@@ -47,6 +49,10 @@ std::optional<CaptureOptions> parseCaptureOptions(const std::vector<std::string>
         const std::string& arg = args[i];
         if (arg == "--flows" || arg == "--http" || arg == "--mdns") {
             (arg == "--flows" ? options.flows : arg == "--http" ? options.http : options.mdns) = true;
+            continue;
+        }
+        if (bool failed = false; parseFilterOption(args, i, options.words, &failed, err)) {
+            if (failed) return std::nullopt;
             continue;
         }
         const bool takesValue = arg == "-i" || arg == "-f" || arg == "-c" || arg == "--duration" || arg == "-w" ||
@@ -117,6 +123,7 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
     MdnsPrinter mdnsPrinter(out, options->format, color);
     FlowPrinter flowPrinter(out, options->format, color);
     const auto httpPrinter = std::make_shared<HttpPrinter>(out, options->format, color);
+    const auto filter = filterPrinters(options->words, printer, mdnsPrinter, flowPrinter, *httpPrinter);
     if (options->flows || options->http) {
         const PXTCPFlowTable::Ptr tcpTable = PXTCPFlowTable::initWithCapture(capture);
         if (options->flows) flowPrinter.attach(capture, tcpTable);

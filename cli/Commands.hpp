@@ -14,6 +14,7 @@ inline constexpr int kExitUsage = 2;
 
 int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE* err);
 int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE* err);
+int searchCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE* err);
 int followCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE* err);
 int devicesCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE* err);
 

@@ -1,6 +1,7 @@
 #include "FlowReport.hpp"
 
 #include "EntryOutput.hpp"
+#include "SourceFilter.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -12,6 +13,8 @@ namespace wireloom::cli {
 namespace {
 
 constexpr const char* kProtocolWord[] = {"TCP", "UDP"};
+// Of each direction of a flow, the bytes a filter searches.
+constexpr std::size_t kCarriedBytesSearched = 1 << 20;
 
 std::string sentText(const FlowSummary& flow, int side) {
     const char* unit = flow.tcp ? " segment" : " datagram";
@@ -85,6 +88,17 @@ FlowPrinter::FlowPrinter(std::FILE* out, Format format, bool color) : out_(out),
 
 FlowPrinter::~FlowPrinter() { NotificationCenter::defaultCenter().removeObserver(this); }
 
+void FlowPrinter::setFilter(SourceFilter* filter) {
+    filter_ = filter;
+    if (filter) filter->addFlush([this] { buffer_.flush(out_), std::fflush(out_); });
+}
+
+void FlowPrinter::gather(const Object* flow, const ByteBuffer& bytes, bool fromEndpoint0) {
+    std::string& carried = carried_[fromEndpoint0 ? 0 : 1][flow];
+    carried.append(
+        bytes.stringView().substr(0, kCarriedBytesSearched - std::min(kCarriedBytesSearched, carried.size())));
+}
+
 void FlowPrinter::attach(const PXNetworkCapture::Ptr& capture, const PXTCPFlowTable::Ptr& tcpTable) {
     capture_ = capture;
     tcpTable_ = tcpTable;
@@ -96,6 +110,20 @@ void FlowPrinter::attach(const PXNetworkCapture::Ptr& capture, const PXTCPFlowTa
         this, kPXTCPFlowEndedNotificationName, [this](const Notification& n) { ended(n, true); }, tcpTable_.get());
     center.addObserver(
         this, kPXUDPFlowEndedNotificationName, [this](const Notification& n) { ended(n, false); }, udpTable_.get());
+    if (!filter_) return;
+    center.addObserver(this, kPXTCPFlowStreamChunkNotificationName, [this](const Notification& n) {
+        const auto* flow = dynamic_cast<const PXTCPFlow*>(n.sender.get());
+        const ByteBuffer* chunk = n.userInfo.at("chunk").bytes();
+        const std::string* from = n.userInfo.at("identifier").string();
+        if (flow && chunk && from) gather(flow, *chunk, *from == flow->endpoint0());
+    });
+    center.addObserver(this, kPXUDPFlowPacketNotificationName, [this](const Notification& n) {
+        const auto* flow = dynamic_cast<const PXUDPFlow*>(n.sender.get());
+        const PXPacketPtr packet = n.userInfo.at("packet").object<PXPacket>();
+        const std::string* from = n.userInfo.at("identifier").string();
+        const ByteBuffer* payload = packet ? packet->layerPayload() : nullptr;
+        if (flow && payload && from) gather(flow, *payload, *from == flow->endpoint0());
+    });
 }
 
 void FlowPrinter::detected(const Notification& notification) {
@@ -146,6 +174,20 @@ void FlowPrinter::ended(const Notification& notification, bool tcp) {
         tcpBytes_[0] += summary.bytes[summary.client];
         tcpBytes_[1] += summary.bytes[1 - summary.client];
     }
+    if (filter_) {
+        ByteBuffer carried;
+        if (auto found = carried_[0].find(object.get()); found != carried_[0].end()) {
+            found->second += carried_[1][object.get()];
+            carried = ByteBuffer::fromString(found->second);
+            carried_[0].erase(found);
+        }
+        carried_[1].erase(object.get());
+        auto record = std::make_shared<FlowRecord>(std::move(summary));
+        filter_->offer(std::make_shared<ShownSource>(ShownSource::Parts{
+            [record] { return record->reportAnalyzerEntryUsingCache(); }, [carried] { return carried; },
+            [this, record] { print(*record); }, record->summary().startTime}));
+        return;
+    }
     if (format_ == Format::None) return;
     auto record = std::make_shared<FlowRecord>(std::move(summary));
     print(*record);
@@ -153,9 +195,10 @@ void FlowPrinter::ended(const Notification& notification, bool tcp) {
 
 void FlowPrinter::print(FlowRecord& record) {
     const FlowSummary& flow = record.summary();
+    ++shown_;
     switch (format_) {
     case Format::Tree:
-        if (buffer_.size() > 0 || flows_[0] + flows_[1] > 1) buffer_.append('\n');
+        if (shown_ > 1) buffer_.append('\n');
         appendEntryText(buffer_, *record.reportAnalyzerEntryUsingCache(), color_);
         break;
     case Format::Json: {

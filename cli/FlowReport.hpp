@@ -53,6 +53,8 @@ private:
     std::shared_ptr<PXReportAnalyzerEntry> entry_;
 };
 
+class SourceFilter;
+
 class FlowPrinter {
 public:
     FlowPrinter(std::FILE* out, Format format, bool color);
@@ -60,6 +62,10 @@ public:
     FlowPrinter(const FlowPrinter&) = delete;
     FlowPrinter& operator=(const FlowPrinter&) = delete;
 
+    // With a filter, ended flows are offered to it, which prints those it
+    // shows; each is found by its entry and the printable text of its
+    // stream (each direction's first megabyte).
+    void setFilter(SourceFilter* filter);
     // Follows the capture's flows from now on: TCP through the table given,
     // UDP through a table of its own.
     void attach(const PXNetworkCapture::Ptr& capture, const PXTCPFlowTable::Ptr& tcpTable);
@@ -70,6 +76,7 @@ private:
     void detected(const Notification& notification);
     void ended(const Notification& notification, bool tcp);
     void print(FlowRecord& record);
+    void gather(const Object* flow, const ByteBuffer& bytes, bool fromEndpoint0);
 
     std::FILE* out_;
     Format format_;
@@ -80,6 +87,11 @@ private:
     // The side that opened each live TCP flow, learnt from the packet that
     // created it.
     std::unordered_map<const Object*, int> clients_;
+    SourceFilter* filter_ = nullptr;
+    // What each live flow carried, while a filter needs it: the bytes of
+    // each direction, up to a limit.
+    std::unordered_map<const Object*, std::string> carried_[2];
+    std::uint64_t shown_ = 0;
     TextBuffer buffer_;
     std::uint64_t flows_[2] = {};         // TCP, UDP
     std::uint64_t tcpBytes_[2] = {};      // client to server, server to client

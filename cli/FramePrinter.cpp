@@ -1,5 +1,6 @@
 #include "FramePrinter.hpp"
 #include "EntryOutput.hpp"
+#include "SourceFilter.hpp"
 
 #include <Wireloom/core/detail/NumberText.hpp>
 #include <Wireloom/core/detail/TextWriter.hpp>
@@ -99,8 +100,24 @@ std::unique_ptr<PXCaptureFile> openCaptureFile(const std::string& path, std::FIL
     return file;
 }
 
+void FramePrinter::setFilter(SourceFilter* filter) {
+    filter_ = filter;
+    if (filter)
+        filter->addFlush([this] {
+            buffer_.flush(out_);
+            flushLines();
+            std::fflush(out_);
+        });
+}
+
 void FramePrinter::print(const PXPacket& innermost) {
     ++frames_;
+    if (!filter_) return show(innermost, frames_);
+    filter_->offer(frameSource(filter_->keep(innermost), frames_,
+                               [this, number = frames_](const PXPacket& packet) { show(packet, number); }));
+}
+
+void FramePrinter::show(const PXPacket& innermost, std::uint64_t number) {
     ++shown_;
     switch (format_) {
     case Format::Tree:
@@ -110,10 +127,10 @@ void FramePrinter::print(const PXPacket& innermost) {
         for (const auto& entry : layerEntries(innermost)) appendEntryText(buffer_, *entry, color_);
         if (buffer_.size() >= (1u << 20)) buffer_.flush(out_);
         break;
-    case Format::Json: printJSON(out_, frames_, innermost); break;
+    case Format::Json: printJSON(out_, number, innermost); break;
     case Format::OneLine:
         // Written straight into the output block, which goes out a megabyte at a time.
-        appendOneLine(lines_, frames_, innermost);
+        appendOneLine(lines_, number, innermost);
         if (lines_.size() >= (1u << 20)) flushLines();
         break;
     case Format::None:
@@ -133,6 +150,7 @@ void FramePrinter::finish() {
     flushLines();
     if (format_ == Format::None) {
         std::fprintf(out_, "frames read: %llu\n", static_cast<unsigned long long>(frames_));
+        if (filter_) std::fprintf(out_, "frames shown: %llu\n", static_cast<unsigned long long>(shown_));
         for (const PacketClass& cls : PXPacket::packetClasses()) {
             auto found = framesPerClass_.find(cls.registryIndex());
             std::string name(cls.name());

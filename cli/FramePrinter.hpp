@@ -40,14 +40,20 @@ bool mdnsOptionFits(bool mdns, bool flowsOrHttp, std::FILE* err);
 // Whether tree output to `out` is coloured.
 bool colorFor(ColorMode mode, std::FILE* out);
 
+class SourceFilter;
+
 class FramePrinter {
 public:
     FramePrinter(std::FILE* out, Format format, bool color) : out_(out), format_(format), color_(color) {}
 
+    // With a filter, frames are offered to it, which prints those it shows.
+    void setFilter(SourceFilter* filter);
     // The next frame, numbered from 1.
     void print(const PXPacket& innermost);
     // Counts a frame that is not shown, so that the next keeps its number.
     void skip() noexcept { ++frames_; }
+    // Prints a frame, whatever a filter would say.
+    void show(const PXPacket& innermost, std::uint64_t number);
     // Writes out what is buffered and, for Format::None, the summary.
     void finish();
     std::uint64_t frames() const noexcept { return frames_; }
@@ -58,6 +64,7 @@ private:
     bool color_;
     std::uint64_t frames_ = 0;
     std::uint64_t shown_ = 0;
+    SourceFilter* filter_ = nullptr;
     void flushLines();
 
     TextBuffer buffer_;  // trees

@@ -2,6 +2,7 @@
 
 #include "EntryOutput.hpp"
 #include "FlowReport.hpp"
+#include "SourceFilter.hpp"
 
 #include <algorithm>
 #include <cinttypes>
@@ -359,7 +360,7 @@ void HttpPrinter::flowEnded(const PXTCPFlow* flow) {
     auto found = followed_.find(flow);
     if (found == followed_.end()) return;
     found->second.analyzer->invalidate();
-    for (const auto& exchange : found->second.waiting) print(*exchange);
+    for (const auto& exchange : found->second.waiting) print(exchange);
     followed_.erase(found);
 }
 
@@ -392,16 +393,36 @@ void HttpPrinter::httpStreamAnalyzer(PXHTTPStreamAnalyzer& analyzer, const PXHTT
         std::shared_ptr<HttpExchange> first = waiting.front();
         waiting.pop_front();
         if (first == exchange) break;
-        print(*first);
+        print(first);
     }
     if (!exchange) {
         exchange = std::make_shared<HttpExchange>();
     }
     exchange->response = response;
-    print(*exchange);
+    print(exchange);
 }
 
-void HttpPrinter::print(HttpExchange& exchange) {
+void HttpPrinter::setFilter(SourceFilter* filter) {
+    filter_ = filter;
+    if (filter) filter->addFlush([this] { buffer_.flush(out_), std::fflush(out_); });
+}
+
+void HttpPrinter::print(const std::shared_ptr<HttpExchange>& exchange) {
+    if (!filter_) return show(*exchange);
+    filter_->offer(std::make_shared<ShownSource>(
+        ShownSource::Parts{[exchange] { return exchange->reportAnalyzerEntryUsingCache(); },
+                           [exchange] {
+                               MutableByteBuffer bodies;
+                               if (exchange->request && exchange->request->content())
+                                   bodies.append(*exchange->request->content());
+                               if (exchange->response && exchange->response->content())
+                                   bodies.append(*exchange->response->content());
+                               return bodies.take();
+                           },
+                           [this, exchange] { show(*exchange); }}));
+}
+
+void HttpPrinter::show(HttpExchange& exchange) {
     ++printed_;
     switch (format_) {
     case Format::Tree:

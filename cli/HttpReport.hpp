@@ -77,11 +77,16 @@ private:
 // kind could not be read as it.
 Value parseBody(const std::optional<ByteBuffer>& data, const std::string* type, std::string* error);
 
+class SourceFilter;
+
 class HttpPrinter : public PXHTTPStreamAnalyzerDelegate, public std::enable_shared_from_this<HttpPrinter> {
 public:
     HttpPrinter(std::FILE* out, Format format, bool color) : out_(out), format_(format), color_(color) {}
     ~HttpPrinter() override;
 
+    // With a filter, exchanges are offered to it, which prints those it
+    // shows; each is found by its entry and the printable text of its bodies.
+    void setFilter(SourceFilter* filter);
     // Follows HTTP on every TCP flow the table detects.
     void attach(const PXNetworkCapture::Ptr& capture, const PXTCPFlowTable::Ptr& table);
     // Prints what is still waiting (requests never answered) and, for
@@ -102,7 +107,8 @@ private:
         std::deque<std::shared_ptr<HttpExchange>> waiting;
     };
     void flowEnded(const PXTCPFlow* flow);
-    void print(HttpExchange& exchange);
+    void print(const std::shared_ptr<HttpExchange>& exchange);
+    void show(HttpExchange& exchange);
 
     std::FILE* out_;
     Format format_;
@@ -110,6 +116,7 @@ private:
     PXNetworkCapture::Ptr capture_;
     PXTCPFlowTable::Ptr table_;
     std::unordered_map<const PXTCPFlow*, Followed> followed_;
+    SourceFilter* filter_ = nullptr;
     TextBuffer buffer_;
     std::uint64_t printed_ = 0;
     std::uint64_t requests_ = 0, responses_ = 0, errors_ = 0;

@@ -1,4 +1,5 @@
 #include "MdnsReport.hpp"
+#include "SourceFilter.hpp"
 
 namespace wireloom::cli {
 
@@ -86,20 +87,27 @@ nlohmann::ordered_json mdnsJSON(const PXMDNSPacket& message, std::uint64_t frame
 void MdnsPrinter::print(const PXPacket& innermost) {
     ++frame_;
     const auto message = innermost.packetWithProtocol<PXMDNSPacket>();
-    if (!message) {
-        frames_.skip();
-        return;
-    }
+    if (!message) return;
     ++messages_;
     questions_ += message->questionRecords().size();
     records_ += message->answerRecords().size() + message->authoritativeAnswerRecords().size() +
                 message->additionalRecords().size();
-    if (format_ == Format::Json) {
-        const std::string line = jsonLine(mdnsJSON(*message, frame_));
-        std::fwrite(line.data(), 1, line.size(), out_);
-    } else if (format_ != Format::None) {
-        frames_.print(innermost);
-    }
+    const auto show = [this, number = frame_](const PXPacket& packet) {
+        ++shown_;
+        if (format_ == Format::Json) {
+            const std::string line = jsonLine(mdnsJSON(*packet.packetWithProtocol<PXMDNSPacket>(), number));
+            std::fwrite(line.data(), 1, line.size(), out_);
+        } else if (format_ != Format::None) {
+            frames_.show(packet, number);
+        }
+    };
+    if (!filter_) return show(innermost);
+    filter_->offer(frameSource(filter_->keep(innermost), frame_, show));
+}
+
+void MdnsPrinter::setFilter(SourceFilter* filter) {
+    filter_ = filter;
+    frames_.setFilter(filter);
 }
 
 void MdnsPrinter::finish() {
@@ -107,6 +115,7 @@ void MdnsPrinter::finish() {
         std::fprintf(out_, "frames read: %llu\nmDNS messages: %llu\nquestions: %llu\nrecords: %llu\n",
                      static_cast<unsigned long long>(frame_), static_cast<unsigned long long>(messages_),
                      static_cast<unsigned long long>(questions_), static_cast<unsigned long long>(records_));
+        if (filter_) std::fprintf(out_, "mDNS messages shown: %llu\n", static_cast<unsigned long long>(shown_));
         std::fflush(out_);
         return;
     }

@@ -1,4 +1,5 @@
 // wireloom read FILE [--flows] [--http] [--mdns] [--format tree|json|oneline|none] [--color auto|always|never]
+//                    [--filter WORDS] [--exclude WORDS]
 //
 // The file goes through the same pipeline as a live capture: a capture
 // without a device announces each record, its clock set to the record's time.
@@ -7,6 +8,7 @@
 #include "HttpReport.hpp"
 #include "FramePrinter.hpp"
 #include "MdnsReport.hpp"
+#include "SourceFilter.hpp"
 
 #include <Wireloom/Wireloom.hpp>
 
@@ -26,6 +28,7 @@ struct ReadOptions {
     bool flows = false;
     bool http = false;
     bool mdns = false;
+    FilterWords words;
 };
 
 std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args, std::FILE* err) {
@@ -42,6 +45,8 @@ std::optional<ReadOptions> parseReadOptions(const std::vector<std::string>& args
             options.http = true;
         } else if (arg == "--mdns") {
             options.mdns = true;
+        } else if (bool failed = false; parseFilterOption(args, i, options.words, &failed, err)) {
+            if (failed) return std::nullopt;
         } else if (arg.size() > 1 && arg[0] == '-') {
             std::fprintf(err, "wireloom: unknown option '%s'\n", arg.c_str());
             return std::nullopt;
@@ -107,6 +112,7 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
     const PXNetworkCapture::Ptr capture = PXNetworkCapture::captureWithNullDevice();
     NotificationCenter& center = NotificationCenter::defaultCenter();
     const auto httpPrinter = std::make_shared<HttpPrinter>(out, options->format, color);
+    const auto filter = filterPrinters(options->words, printer, mdnsPrinter, flowPrinter, *httpPrinter);
     if (options->flows || options->http) {
         const PXTCPFlowTable::Ptr tcpTable = PXTCPFlowTable::initWithCapture(capture);
         if (options->flows) flowPrinter.attach(capture, tcpTable);

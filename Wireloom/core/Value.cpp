@@ -19,6 +19,7 @@ std::string Value::description() const {
             }
             return text + ">";
         }
+        std::string operator()(const IndexSet& v) const { return v.description(); }
         std::string operator()(const ObjectPtr& v) const { return v ? v->description() : "(null)"; }
     };
     return std::visit(Describe{}, v_);

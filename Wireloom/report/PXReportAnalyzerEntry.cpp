@@ -197,6 +197,8 @@ PXReportAnalyzerEntry::Ptr PXReportAnalyzerEntry::addEntryWithData(const ByteBuf
     return dump;
 }
 
+bool PXReportAnalyzerEntry::isHexDump() const noexcept { return childLoaderBlock_.target<HexDumpLoader>() != nullptr; }
+
 std::size_t PXReportAnalyzerEntry::hexDumpTextBound(std::string_view indent) const {
     if (hasLoadedChildren_) return 0;
     const HexDumpLoader* loader = childLoaderBlock_.target<HexDumpLoader>();

@@ -140,6 +140,9 @@ public:
     // at most hexDumpTextBound() bytes, written by writeHexDumpText(), which
     // returns their end. The bound is 0 for any other entry.
     std::size_t hexDumpTextBound(std::string_view indent) const;
+    // Whether addEntryWithData() made this entry: its children are the dump's
+    // lines, whether built yet or not.
+    bool isHexDump() const noexcept;
     char* writeHexDumpText(char* out, std::string_view indent) const;
     // The title without its coloured values, after the parent's identifier:
     // rows of one kind share it across packets. Memoised for good.

@@ -17,6 +17,9 @@ public:
     virtual ~PXViewController() = default;
     // The height of the controller's view frame; the row takes it.
     virtual double viewHeight() const = 0;
+    // Takes the view off the screen, as when its row's source is removed
+    // from the report.
+    virtual void removeViewFromScreen() {}
 };
 
 // A cell that draws one row.

@@ -17,6 +17,7 @@ int wireloomFuzz_helper_request(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_flow_table(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_http_analyzer(const std::uint8_t* data, std::size_t size);
 int wireloomFuzz_mdns_decode(const std::uint8_t* data, std::size_t size);
+int wireloomFuzz_filter_index(const std::uint8_t* data, std::size_t size);
 
 namespace {
 
@@ -67,4 +68,9 @@ TEST(FuzzCorpus, HttpAnalyzerInputsReplayCleanly) {
 TEST(FuzzCorpus, MdnsDecodeInputsReplayCleanly) {
     EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "mdns_decode", wireloomFuzz_mdns_decode), 0u);
     replayAll(fuzzDirectory() / "regressions" / "mdns_decode", wireloomFuzz_mdns_decode);
+}
+
+TEST(FuzzCorpus, FilterIndexInputsReplayCleanly) {
+    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "filter_index", wireloomFuzz_filter_index), 0u);
+    replayAll(fuzzDirectory() / "regressions" / "filter_index", wireloomFuzz_filter_index);
 }

@@ -1,0 +1,149 @@
+// wireloom search FILE WORDS [--exclude WORDS] [--interactive] [--flows] [--http] [--mdns]
+//                 [--format tree|json|oneline] [--color auto|always|never]
+//
+// Every source the file holds (frames, mDNS messages, or flows and HTTP exchanges) is
+// indexed once; then each set of words, from the command line or one line
+// at a time from standard input, shows the sources it lets through.
+#include "Commands.hpp"
+#include "FlowReport.hpp"
+#include "FramePrinter.hpp"
+#include "HttpReport.hpp"
+#include "MdnsReport.hpp"
+#include "SourceFilter.hpp"
+
+#include <Wireloom/Wireloom.hpp>
+
+#include <unistd.h>
+
+#include <iostream>
+#include <optional>
+
+namespace wireloom::cli {
+
+namespace {
+
+struct SearchOptions {
+    std::string path;
+    FilterWords words;
+    bool wordsGiven = false;
+    bool interactive = false;
+    bool flows = false;
+    bool http = false;
+    bool mdns = false;
+    Format format = Format::Tree;
+    ColorMode color = ColorMode::Auto;
+};
+
+std::optional<SearchOptions> parseSearchOptions(const std::vector<std::string>& args, std::FILE* err) {
+    SearchOptions options;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (arg == "--format" || arg == "--color") {
+            const std::string* value = optionValue(args, i, err);
+            if (!value || !parseOutputOption(arg, *value, false, options.format, options.color, err))
+                return std::nullopt;
+        } else if (bool failed = false; parseFilterOption(args, i, options.words, &failed, err)) {
+            if (failed) return std::nullopt;
+            options.wordsGiven |= arg == "--filter";
+        } else if (arg == "--interactive" || arg == "--flows" || arg == "--http" || arg == "--mdns") {
+            (arg == "--interactive" ? options.interactive
+             : arg == "--flows"     ? options.flows
+             : arg == "--http"      ? options.http
+                                    : options.mdns) = true;
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            std::fprintf(err, "wireloom: unknown option '%s'\n", arg.c_str());
+            return std::nullopt;
+        } else if (options.path.empty()) {
+            options.path = arg;
+        } else if (!options.wordsGiven) {
+            options.words.inclusive = arg;
+            options.wordsGiven = true;
+        } else {
+            std::fprintf(err, "wireloom: unexpected argument '%s'\n", arg.c_str());
+            return std::nullopt;
+        }
+    }
+    if (options.path.empty() || (!options.wordsGiven && !options.interactive)) {
+        std::fprintf(err, "wireloom: search needs a capture file and words (or --interactive)\n");
+        return std::nullopt;
+    }
+    if (!mdnsOptionFits(options.mdns, options.flows || options.http, err)) return std::nullopt;
+    return options;
+}
+
+// "WORDS" or "WORDS --exclude WORDS".
+FilterWords wordsOfLine(const std::string& line) {
+    constexpr std::string_view kExclude = "--exclude";
+    const std::size_t at = line.find(kExclude);
+    if (at == std::string::npos) return {line, ""};
+    return {line.substr(0, at), line.substr(at + kExclude.size())};
+}
+
+}  // namespace
+
+int searchCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE* err) {
+    std::optional<SearchOptions> options = parseSearchOptions(args, err);
+    if (!options) {
+        printUsage(err);
+        return kExitUsage;
+    }
+    std::unique_ptr<PXCaptureFile> file = openCaptureFile(options->path, err);
+    if (!file) return kExitFailure;
+
+    const bool color = colorFor(options->color, out);
+    FramePrinter printer(out, options->format, color);
+    MdnsPrinter mdnsPrinter(out, options->format, color);
+    FlowPrinter flowPrinter(out, options->format, color);
+    const auto httpPrinter = std::make_shared<HttpPrinter>(out, options->format, color);
+    const std::unique_ptr<SourceFilter> filter = SourceFilter::search(file->linkLayerType());
+    printer.setFilter(filter.get());
+    mdnsPrinter.setFilter(filter.get());
+    flowPrinter.setFilter(filter.get());
+    httpPrinter->setFilter(filter.get());
+
+    const PXNetworkCapture::Ptr capture = PXNetworkCapture::captureWithNullDevice();
+    NotificationCenter& center = NotificationCenter::defaultCenter();
+    const bool frames = !options->flows && !options->http;
+    if (frames) {
+        center.addObserver(
+            &printer, kPXNetworkCapturePacketNotificationName,
+            [&](const Notification& notification) {
+                auto packet = notification.userInfo.at("packet").object<PXPacket>();
+                if (packet && options->mdns)
+                    mdnsPrinter.print(*packet);
+                else if (packet)
+                    printer.print(*packet);
+            },
+            capture.get());
+    } else {
+        const PXTCPFlowTable::Ptr tcpTable = PXTCPFlowTable::initWithCapture(capture);
+        if (options->flows) flowPrinter.attach(capture, tcpTable);
+        if (options->http) httpPrinter->attach(capture, tcpTable);
+    }
+    std::string error;
+    const bool complete = capture->replayCaptureFile(*file, &error);
+    center.removeObserver(&printer);
+    // Ends the flows still open, which offers them too.
+    if (options->flows) flowPrinter.finish();
+    if (options->http) httpPrinter->finish();
+    if (!complete) std::fprintf(err, "wireloom: %s: %s\n", options->path.c_str(), error.c_str());
+    filter->indexOffered();
+
+    const auto search = [&](const FilterWords& words) {
+        const std::size_t shown = filter->showMatching(words);
+        std::fprintf(err, "wireloom: %zu of %zu sources\n", shown, filter->sourceCount());
+    };
+    if (options->wordsGiven || !options->interactive) search(options->words);
+    if (options->interactive) {
+        const bool prompt = isatty(STDIN_FILENO) && isatty(STDERR_FILENO);
+        std::string line;
+        for (;;) {
+            if (prompt) std::fputs("search> ", err), std::fflush(err);
+            if (!std::getline(std::cin, line)) break;
+            search(wordsOfLine(line));
+        }
+    }
+    return complete ? 0 : kExitFailure;
+}
+
+}  // namespace wireloom::cli
