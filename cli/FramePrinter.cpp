@@ -81,14 +81,22 @@ void appendOneLine(std::string& line, std::uint64_t number, const PXPacket& inne
     writer << '\n';
 }
 
-// {"frame": N, "timestamp": T, "layers": [...]} on one line.
-void printJSON(std::FILE* out, std::uint64_t number, const PXPacket& innermost) {
-    nlohmann::json layers = nlohmann::json::array();
-    for (const auto& entry : layerEntries(innermost)) layers.push_back(entryJSON(*entry));
-    nlohmann::json frame = {{"frame", number}, {"timestamp", innermost.timestamp()}, {"layers", std::move(layers)}};
-    std::string line = frame.dump();
-    line += '\n';
-    std::fwrite(line.data(), 1, line.size(), out);
+// {"frame": N, "layers": [...], "timestamp": T} on one line, keys in the
+// order nlohmann sorts them into.
+void appendJSONLine(std::string& line, std::uint64_t number, const PXPacket& innermost) {
+    line += "{\"frame\":";
+    line += std::to_string(number);
+    line += ",\"layers\":[";
+    bool first = true;
+    for (const auto& entry : layerEntries(innermost)) {
+        if (!first) line += ',';
+        first = false;
+        appendEntryJSON(line, *entry);
+    }
+    // nlohmann's shortest form of the number, as every other JSON line has it.
+    line += "],\"timestamp\":";
+    line += nlohmann::json(innermost.timestamp()).dump();
+    line += "}\n";
 }
 
 }  // namespace
@@ -127,7 +135,10 @@ void FramePrinter::show(const PXPacket& innermost, std::uint64_t number) {
         for (const auto& entry : layerEntries(innermost)) appendEntryText(buffer_, *entry, color_);
         if (buffer_.size() >= (1u << 20)) buffer_.flush(out_);
         break;
-    case Format::Json: printJSON(out_, number, innermost); break;
+    case Format::Json:
+        appendJSONLine(lines_, number, innermost);
+        if (lines_.size() >= (1u << 20)) flushLines();
+        break;
     case Format::OneLine:
         // Written straight into the output block, which goes out a megabyte at a time.
         appendOneLine(lines_, number, innermost);

@@ -1,0 +1,74 @@
+// The command writes frames' JSON itself rather than through nlohmann values;
+// every line must still be what nlohmann's dump() made of the same tree.
+#include "EntryOutput.hpp"
+#include "support/FrameBuilder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <pcap/pcap.h>
+
+using namespace wireloom;
+using namespace wireloom::testing;
+
+namespace {
+
+// Ours, or the message of what nlohmann threw.
+std::string ours(std::string_view text) {
+    std::string out;
+    try {
+        cli::appendJSONString(out, text);
+    } catch (const nlohmann::json::exception& e) {
+        return std::string("threw ") + e.what();
+    }
+    return out;
+}
+
+std::string theirs(std::string_view text) {
+    try {
+        return nlohmann::json(std::string(text)).dump();
+    } catch (const nlohmann::json::exception& e) {
+        return std::string("threw ") + e.what();
+    }
+}
+
+std::string treeOurs(PXReportAnalyzerEntry& entry) {
+    std::string out;
+    cli::appendEntryJSON(out, entry);
+    return out;
+}
+
+}  // namespace
+
+TEST(JsonWriter, StringsEscapeAsNlohmannEscapesThem) {
+    for (int c = 0; c < 0x80; ++c) {
+        const std::string text = std::string("a") + static_cast<char>(c) + "b";
+        EXPECT_EQ(ours(text), theirs(text)) << "byte " << c;
+    }
+    for (std::string_view text : {"", "\"\\\"", "Größe 日本 🙂", "\x7f\x1f", "bad \xff byte", "over\xc0\xaflong",
+                                  "cut \xe6\x97", "surrogate \xed\xa0\x80"})
+        EXPECT_EQ(ours(text), theirs(text)) << text;
+}
+
+TEST(JsonWriter, FrameTreesMatchTheirNlohmannDump) {
+    // Quotes, backslashes and control bytes in the payload reach the dump's
+    // text column; an empty payload makes a dump with no lines.
+    Bytes payload = bytesOf("GET /\"quoted\"\\path HTTP/1.1\r\n\t");
+    for (int c = 0; c < 256; ++c) payload.push_back(static_cast<std::uint8_t>(c));
+    for (const Bytes& data : {payload, Bytes{}}) {
+        const Bytes frame = ethernet(mac("02:00:5e:10:00:01"), mac("02:00:5e:10:00:02"), kEtherTypeIPv4,
+                                     ipv4(ip4("10.0.0.1"), ip4("10.0.0.2"), kProtoTCP,
+                                          tcp({.sourcePort = 49152, .destPort = 80, .seq = 1, .payload = data})));
+        pcap_pkthdr header{};
+        header.caplen = header.len = static_cast<bpf_u_int32>(frame.size());
+        const PXPacketPtr innermost = PXPacket::packetWithHeader(header, frame.data(), DLT_EN10MB);
+        for (const auto& entry : cli::layerEntries(*innermost))
+            EXPECT_EQ(treeOurs(*entry), cli::entryJSON(*entry).dump()) << entry->plainTitle();
+    }
+    // A tree whose lines were already built is written from them.
+    auto tree = PXReportAnalyzerEntry::entry();
+    tree->setProtocolLayerName("Outer");
+    const std::uint8_t bytes[] = {'"', 0, '\\', 0x7f, 'x'};
+    tree->addEntryWithData(ByteBuffer::copy(bytes, sizeof bytes));
+    (void)tree->children()->front()->children();
+    EXPECT_EQ(treeOurs(*tree), cli::entryJSON(*tree).dump());
+}
