@@ -79,20 +79,36 @@ void removeFront(MutableByteBuffer& buffer, std::size_t count) {
 
 }  // namespace
 
+std::size_t HTTPHeaderFields::positionOf(std::string_view name) const noexcept {
+    if (positionsByHash_.empty()) {
+        for (std::size_t i = 0; i < fields_.size(); ++i)
+            if (fields_[i].first == name) return i;
+        return fields_.size();
+    }
+    const auto [first, last] = positionsByHash_.equal_range(std::hash<std::string_view>{}(name));
+    for (auto it = first; it != last; ++it)
+        if (fields_[it->second].first == name) return it->second;
+    return fields_.size();
+}
+
 const std::string* HTTPHeaderFields::find(std::string_view name) const noexcept {
-    for (const Field& field : fields_)
-        if (field.first == name) return &field.second;
-    return nullptr;
+    const std::size_t position = positionOf(name);
+    return position < fields_.size() ? &fields_[position].second : nullptr;
 }
 
 void HTTPHeaderFields::set(std::string name, std::string value) {
-    for (Field& field : fields_) {
-        if (field.first == name) {
-            field.second = std::move(value);
-            return;
-        }
+    const std::size_t position = positionOf(name);
+    if (position < fields_.size()) {
+        fields_[position].second = std::move(value);
+        return;
     }
     fields_.emplace_back(std::move(name), std::move(value));
+    const auto hashOf = [&](std::size_t i) { return std::hash<std::string_view>{}(fields_[i].first); };
+    if (!positionsByHash_.empty()) {
+        positionsByHash_.emplace(hashOf(position), position);
+    } else if (fields_.size() > kLinearFields) {
+        for (std::size_t i = 0; i < fields_.size(); ++i) positionsByHash_.emplace(hashOf(i), i);
+    }
 }
 
 std::optional<std::string> PXHTTPParser::nextLineFromBytes(const std::uint8_t* bytes, std::size_t length) {
@@ -104,14 +120,46 @@ std::optional<std::string> PXHTTPParser::nextLineFromBytes(const std::uint8_t* b
 std::optional<HTTPHeaderFields> PXHTTPParser::parseHTTPFrameFrom(MutableByteBuffer& buffer,
                                                                  std::optional<ByteBuffer>* payload,
                                                                  std::vector<std::string>* initialLine,
-                                                                 std::size_t* wholeAt) {
-    if (wholeAt) *wholeAt = 0;
+                                                                 HTTPFrameProgress* progress) {
+    HTTPFrameProgress unused;
+    HTTPFrameProgress& state = progress ? *progress : unused;
+    // The outcome of an incomplete message changes only with a line feed:
+    // until one arrives there is no new line to read.
+    if (state.lookedAt && state.lookedAt <= buffer.size() &&
+        !std::memchr(buffer.data() + state.lookedAt, '\n', buffer.size() - state.lookedAt)) {
+        state.lookedAt = buffer.size();
+        return std::nullopt;
+    }
+    // The lines before headerCheckedTo were complete and well formed last
+    // time: only what follows them can end the header or break it.
+    if (state.headerCheckedTo && state.headerCheckedTo <= buffer.size()) {
+        std::size_t at = state.headerCheckedTo;
+        for (;;) {
+            const std::optional<std::string_view> line = lineAt(buffer.data() + at, buffer.size() - at, nullptr);
+            if (!line) {
+                state.headerCheckedTo = at;
+                state.lookedAt = buffer.size();
+                return std::nullopt;
+            }
+            at += line->size();
+            const std::string_view field = trimmed(*line, isLineEnd);
+            if (field.empty() || field.find(": ") == std::string_view::npos) break;  // decided below
+        }
+    }
+    // From here on every return sets all three.
+    state = {};
+    const auto incomplete = [&](std::size_t headerCheckedTo) {
+        state.headerCheckedTo = headerCheckedTo;
+        state.lookedAt = buffer.size();
+        return std::nullopt;
+    };
+
     // Counted in characters, as the platform's strings count them; header
     // lines below are counted in bytes. The two agree for the ASCII start
     // lines of real traffic.
     std::size_t consumed = 0;
     const std::optional<std::string_view> line = lineAt(buffer.data(), buffer.size(), &consumed);
-    if (!line) return std::nullopt;
+    if (!line) return incomplete(0);
     // Split at single spaces, the third component being everything after
     // the second space: the words after it joined again with spaces.
     const std::string_view words = trimmed(*line, isWhiteSpaceOrLineEnd);
@@ -128,10 +176,10 @@ std::optional<HTTPHeaderFields> PXHTTPParser::parseHTTPFrameFrom(MutableByteBuff
 
     HTTPHeaderFields header;
     for (;;) {
-        if (consumed > buffer.size()) return std::nullopt;
+        if (consumed > buffer.size()) return incomplete(0);
         const std::optional<std::string_view> headerLine =
             lineAt(buffer.data() + consumed, buffer.size() - consumed, nullptr);
-        if (!headerLine) return std::nullopt;
+        if (!headerLine) return incomplete(consumed);
         consumed += headerLine->size();
         const std::string_view field = trimmed(*headerLine, isLineEnd);
         if (field.empty()) break;
@@ -150,7 +198,7 @@ std::optional<HTTPHeaderFields> PXHTTPParser::parseHTTPFrameFrom(MutableByteBuff
         // A negative length is never satisfied: the message stays incomplete.
         const std::int64_t bodyLength = int32Value(*length);
         if (bodyLength < 0 || static_cast<std::uint64_t>(bodyLength) > buffer.size() - consumed) {
-            if (wholeAt) *wholeAt = bodyLength < 0 ? SIZE_MAX : consumed + static_cast<std::size_t>(bodyLength);
+            state.wholeAt = bodyLength < 0 ? SIZE_MAX : consumed + static_cast<std::size_t>(bodyLength);
             return std::nullopt;
         }
         const std::size_t start = consumed;
@@ -178,8 +226,8 @@ std::optional<std::vector<HTTPHeaderFields::Field>> PXHTTPParser::parseHTTPHeade
     const char* nameStart = nullptr;
     const char* valueStart = nullptr;
     std::size_t nameLength = 0, valueLength = 0;
-    while (HTTPGetHeaderField(at, header.size() - static_cast<std::size_t>(at - text), nullptr, &nameStart,
-                              &nameLength, &valueStart, &valueLength, &at))
+    while (HTTPGetHeaderField(at, header.size() - static_cast<std::size_t>(at - text), nullptr, &nameStart, &nameLength,
+                              &valueStart, &valueLength, &at))
         fields.emplace_back(std::string(nameStart, nameLength), std::string(valueStart, valueLength));
     return fields;
 }

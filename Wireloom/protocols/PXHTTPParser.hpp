@@ -28,6 +28,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -49,7 +50,28 @@ public:
     auto end() const noexcept { return fields_.end(); }
 
 private:
+    // Past this many fields, names are found through a hash of positions: a
+    // header of many thousand lines, as a hostile sender may write, would
+    // otherwise cost the square of their number.
+    static constexpr std::size_t kLinearFields = 16;
+    std::size_t positionOf(std::string_view name) const noexcept;
     std::vector<Field> fields_;
+    std::unordered_multimap<std::size_t, std::size_t> positionsByHash_;
+};
+
+// What a caller that only appends to its buffer keeps between calls for it,
+// so that an incomplete message costs only the bytes that arrived since:
+// without it, a header that never ends would be read again from its start
+// for every chunk.
+struct HTTPFrameProgress {
+    // The buffer size from which the front message is complete when only
+    // its body is still short (SIZE_MAX if never), and 0 otherwise: the
+    // caller can wait until then instead of asking for every chunk.
+    std::size_t wholeAt = 0;
+    // Where the parser stopped reading an incomplete header, and how much
+    // of the buffer it had seen; both 0 after the front changed.
+    std::size_t headerCheckedTo = 0;
+    std::size_t lookedAt = 0;
 };
 
 class PXHTTPParser {
@@ -63,14 +85,13 @@ public:
     // nothing without the field) and its start line split in three
     // (*initialLine: the first two words and the rest). Nothing when no
     // complete message is there, or the front was malformed and discarded.
-    // *wholeAt, if asked for, is the buffer size from which the message at
-    // the front is complete when only its body is still short (SIZE_MAX if
-    // never), and 0 otherwise: a caller that only appends can wait until
-    // then instead of parsing the same header again for every chunk.
+    // `progress`, if given, must be the one the previous call on this
+    // buffer left, the buffer only appended to since (a new buffer starts
+    // with a new one).
     static std::optional<HTTPHeaderFields> parseHTTPFrameFrom(MutableByteBuffer& buffer,
                                                               std::optional<ByteBuffer>* payload,
                                                               std::vector<std::string>* initialLine,
-                                                              std::size_t* wholeAt = nullptr);
+                                                              HTTPFrameProgress* progress = nullptr);
 
     // Every field of a raw header block, in order, duplicates kept; nothing
     // when the block is not ASCII.

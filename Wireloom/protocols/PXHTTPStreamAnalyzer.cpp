@@ -74,18 +74,18 @@ void PXHTTPStreamAnalyzer::processTCPStreamChunkNotification(const Notification&
     if (!chunk || !identifier) return;
     const bool fromZero = *identifier == flow_->endpoint0();
     MutableByteBuffer& pending = fromZero ? endpoint0Outgoing_ : endpoint1Outgoing_;
-    std::size_t& wholeAt = fromZero ? endpoint0WholeAt_ : endpoint1WholeAt_;
+    HTTPFrameProgress& progress = fromZero ? endpoint0Progress_ : endpoint1Progress_;
     pending.append(*chunk);
     // A message whose body is still short stays so, header and all, until
     // its last byte is in: parsing its header again for every segment of a
     // large body would cost more than everything else here.
-    if (pending.size() < wholeAt) return;
+    if (pending.size() < progress.wholeAt) return;
     const bool fromClient = fromZero == clientIsEndpoint0_;
     std::optional<ByteBuffer> body;
     std::vector<std::string> startLine;
     // Every message the chunk completes, pipelined ones included.
     while (std::optional<HTTPHeaderFields> header =
-               PXHTTPParser::parseHTTPFrameFrom(pending, &body, &startLine, &wholeAt)) {
+               PXHTTPParser::parseHTTPFrameFrom(pending, &body, &startLine, &progress)) {
         if (fromClient)
             handleRequest(fromZero, startLine, *header, body);
         else
@@ -95,6 +95,7 @@ void PXHTTPStreamAnalyzer::processTCPStreamChunkNotification(const Notification&
     // as it comes: a large body keeps the buffer it completes (the parser
     // hands it over), so it had better not hold spare room. Not for lengths
     // so large that they are more likely garbage than a body on its way.
+    const std::size_t wholeAt = progress.wholeAt;
     if (wholeAt != SIZE_MAX && wholeAt > pending.size() && wholeAt - pending.size() <= kReserveAhead) {
         MutableByteBuffer room(wholeAt);
         room.append(pending.data(), pending.size());
@@ -121,8 +122,8 @@ void PXHTTPStreamAnalyzer::handleRequest(bool fromZero, std::vector<std::string>
     pendingRequestContext_ = delegate ? delegate->httpStreamAnalyzer(*this, request) : Value();
 }
 
-void PXHTTPStreamAnalyzer::handleResponse(bool fromZero, std::vector<std::string>& startLine,
-                                          HTTPHeaderFields& header, std::optional<ByteBuffer>& body) {
+void PXHTTPStreamAnalyzer::handleResponse(bool fromZero, std::vector<std::string>& startLine, HTTPHeaderFields& header,
+                                          std::optional<ByteBuffer>& body) {
     auto response = std::make_shared<PXHTTPResponse>();
     response->setStatusCode(leadingNumber(startLine[1]));
     response->setStatus(std::move(startLine[2]));

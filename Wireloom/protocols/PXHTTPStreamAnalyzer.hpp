@@ -85,9 +85,9 @@ private:
     bool clientIsEndpoint0_;
     MutableByteBuffer endpoint0Outgoing_;
     MutableByteBuffer endpoint1Outgoing_;
-    // The size each buffer must reach before its front message can be whole.
-    std::size_t endpoint0WholeAt_ = 0;
-    std::size_t endpoint1WholeAt_ = 0;
+    // How far the parser got in each buffer.
+    HTTPFrameProgress endpoint0Progress_;
+    HTTPFrameProgress endpoint1Progress_;
     Value pendingRequestContext_;
 };
 

@@ -56,10 +56,10 @@ TEST(PXHTTPParser, FailureTableKeepsOrEmptiesTheBufferRowByRow) {
     };
     for (const Row& row : rows) {
         MutableByteBuffer buffer = bufferOf(row.input);
-        std::size_t wholeAt = 1;
-        EXPECT_FALSE(PXHTTPParser::parseHTTPFrameFrom(buffer, nullptr, nullptr, &wholeAt)) << row.input;
+        HTTPFrameProgress progress;
+        EXPECT_FALSE(PXHTTPParser::parseHTTPFrameFrom(buffer, nullptr, nullptr, &progress)) << row.input;
         EXPECT_EQ(textOf(buffer), row.emptied ? "" : row.input) << row.input;
-        EXPECT_EQ(wholeAt, row.wholeAt) << row.input;
+        EXPECT_EQ(progress.wholeAt, row.wholeAt) << row.input;
     }
     Log::setSink({});
     ASSERT_EQ(logged.size(), 1u);
@@ -108,6 +108,43 @@ TEST(PXHTTPParser, LargeBodiesWithAndWithoutAMessageBehind) {
     }
 }
 
+TEST(PXHTTPParser, AHeaderArrivingByteByByteIsCutOnceWhole) {
+    // More fields than are looked up one by one, a name given twice, and a
+    // character of two bytes.
+    std::string message = "POST /upload HTTP/1.1\r\n";
+    for (int i = 0; i < 40; ++i) message += "F" + std::to_string(i) + ": v" + std::to_string(i) + "\r\n";
+    message += "F30: again\r\nX-Text: caf\xc3\xa9\r\nContent-Length: 2\r\n\r\nok";
+    for (const bool resumed : {false, true}) {
+        MutableByteBuffer buffer;
+        HTTPFrameProgress progress;
+        std::optional<HTTPHeaderFields> header;
+        std::optional<ByteBuffer> body;
+        std::size_t fed = 0;
+        for (; fed < message.size() && !header; ++fed) {
+            buffer.append(reinterpret_cast<const std::uint8_t*>(&message[fed]), 1);
+            header = PXHTTPParser::parseHTTPFrameFrom(buffer, &body, nullptr, resumed ? &progress : nullptr);
+        }
+        EXPECT_EQ(fed, message.size()) << resumed;
+        ASSERT_TRUE(header) << resumed;
+        EXPECT_EQ(header->size(), 42u);
+        EXPECT_EQ(header->begin()->first, "F0");
+        EXPECT_EQ(*header->find("F30"), "again");
+        EXPECT_EQ(*header->find("F39"), "v39");
+        EXPECT_EQ(header->find("f39"), nullptr);
+        EXPECT_EQ(textOf(buffer), "");
+    }
+    // A malformed line after many good ones still empties the buffer.
+    MutableByteBuffer buffer = bufferOf("GET / HTTP/1.1\r\nA: b\r\n");
+    HTTPFrameProgress progress;
+    EXPECT_FALSE(PXHTTPParser::parseHTTPFrameFrom(buffer, nullptr, nullptr, &progress));
+    buffer.append(reinterpret_cast<const std::uint8_t*>("no colon"), 8);
+    EXPECT_FALSE(PXHTTPParser::parseHTTPFrameFrom(buffer, nullptr, nullptr, &progress));
+    EXPECT_NE(textOf(buffer), "");
+    buffer.append(reinterpret_cast<const std::uint8_t*>("\r\n"), 2);
+    EXPECT_FALSE(PXHTTPParser::parseHTTPFrameFrom(buffer, nullptr, nullptr, &progress));
+    EXPECT_EQ(textOf(buffer), "");
+}
+
 TEST(PXHTTPParser, CountsTheStartLineInCharactersAndHeaderLinesInBytes) {
     // "é" is one character but two bytes: the header scan starts one byte
     // early, inside the start line's line end, and reads an empty line there.
@@ -120,12 +157,16 @@ TEST(PXHTTPParser, CountsTheStartLineInCharactersAndHeaderLinesInBytes) {
 }
 
 TEST(PXHTTPParser, HeaderFieldScannerFoldsContinuationsAndMatchesNamesExactly) {
-    const std::string block = "Host: example.com\r\nX-Long: one\r\n  two\r\n\tthree\r\nhost: lower\r\n\r\nAfter: blank\r\nLast: open";
+    const std::string block =
+        "Host: example.com\r\nX-Long: one\r\n  two\r\n\tthree\r\nhost: lower\r\n\r\nAfter: blank\r\nLast: open";
     const char* valueStart = nullptr;
     std::size_t valueLength = 0;
-    ASSERT_EQ(HTTPGetHeaderField(block.c_str(), SIZE_MAX, "X-Long", nullptr, nullptr, &valueStart, &valueLength, nullptr), 1);
+    ASSERT_EQ(
+        HTTPGetHeaderField(block.c_str(), SIZE_MAX, "X-Long", nullptr, nullptr, &valueStart, &valueLength, nullptr), 1);
     EXPECT_EQ(std::string(valueStart, valueLength), "one\r\n  two\r\n\tthree");
-    ASSERT_EQ(HTTPGetHeaderField(block.c_str(), block.size(), "host", nullptr, nullptr, &valueStart, &valueLength, nullptr), 1);
+    ASSERT_EQ(
+        HTTPGetHeaderField(block.c_str(), block.size(), "host", nullptr, nullptr, &valueStart, &valueLength, nullptr),
+        1);
     EXPECT_EQ(std::string(valueStart, valueLength), "lower");
     // The blank line does not stop the scan; an unterminated last line is no field.
     EXPECT_EQ(HTTPGetHeaderField(block.c_str(), block.size(), "After", nullptr, nullptr, nullptr, nullptr, nullptr), 1);
