@@ -34,7 +34,8 @@ bool copyLabelIfASCII(char* out, const std::uint8_t* in, std::size_t n) noexcept
 
 }  // namespace
 
-bool DNSNameText::appendLabel(const std::uint8_t* label, std::size_t length) {
+// Inlined into the reader's loop: a call per label cost as much as the copy.
+[[gnu::always_inline]] inline bool DNSNameText::appendLabel(const std::uint8_t* label, std::size_t length) {
     const std::size_t dot = size_ != 0;
     if (size_ + dot + length > kInPlace) return spill(label, length);
     inPlace_[size_] = '.';

@@ -13,8 +13,10 @@
 //   if (std::optional<std::string_view> name = record.recordName()) use(*name);
 
 #include <Wireloom/core/ByteBuffer.hpp>
+#include <Wireloom/packets/detail/FrameArena.hpp>
 
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -52,6 +54,8 @@ public:
     }
     ~DNSText() = default;
 
+    // The same as the constructor, out of line for the decoder's rare case.
+    [[gnu::noinline]] static DNSText owning(std::string_view text) { return DNSText(text); }
     // Text the decoder placed in the frame's block, where its holder lies.
     static DNSText borrowedFromFrame(std::string_view text) noexcept {
         DNSText kept;
@@ -84,14 +88,34 @@ private:
 
 namespace detail {
 
+// These run for every name decoded, so they are inline.
+
+inline FrameArena* arenaHolding(const void* holder) noexcept {
+    FrameArena* arena = tCurrentFrameArena;
+    return arena && arena->owns(holder) ? arena : nullptr;
+}
+
 // Text read out of a message, for an object decoded with it (`holder`): in
 // the frame's block when the holder lies in the block being decoded (see
 // DNSText), else in a block of its own. Text written in frameTextRoom just
 // before, with nothing allocated since, is kept where it is.
-DNSText keepDecodedText(const void* holder, std::string_view text);
+inline DNSText keepDecodedText(const void* holder, std::string_view text) {
+    if (FrameArena* arena = arenaHolding(holder); arena && !text.empty())
+        if (void* kept = arena->allocateUnreferenced(text.size())) {
+            if (kept != text.data()) std::memcpy(kept, text.data(), text.size());
+            return DNSText::borrowedFromFrame({static_cast<const char*>(kept), text.size()});
+        }
+    return DNSText::owning(text);
+}
+
 // Where the next text kept for `holder` will go in the frame's block, or
 // nothing when it will not go there.
-std::span<char> frameTextRoom(const void* holder) noexcept;
+inline std::span<char> frameTextRoom(const void* holder) noexcept {
+    FrameArena* arena = arenaHolding(holder);
+    if (!arena) return {};
+    const std::span<std::uint8_t> room = arena->unallocated();
+    return {reinterpret_cast<char*>(room.data()), room.size()};
+}
 
 }  // namespace detail
 
