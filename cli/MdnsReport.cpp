@@ -13,8 +13,8 @@ std::string jsonLine(const nlohmann::ordered_json& value) {
     return line;
 }
 
-nlohmann::ordered_json optionalName(const std::optional<std::string>& name) {
-    return name ? nlohmann::ordered_json(*name) : nlohmann::ordered_json();
+nlohmann::ordered_json optionalName(std::optional<std::string_view> name) {
+    return name ? nlohmann::ordered_json(std::string(*name)) : nlohmann::ordered_json();
 }
 
 void addResource(nlohmann::ordered_json& out, const PXDNSResource* resource) {
@@ -35,7 +35,7 @@ void addResource(nlohmann::ordered_json& out, const PXDNSResource* resource) {
     } else if (const auto* ptr = dynamic_cast<const PXDNSPTRResource*>(resource)) {
         out["ptr"] = optionalName(ptr->canonicalName());
     } else if (const auto* aaaa = dynamic_cast<const PXDNSIPv6AddressResource*>(resource)) {
-        out["aaaa"] = aaaa->ipv6Address();
+        out["aaaa"] = std::string(aaaa->ipv6Address());
     }
 }
 
@@ -75,8 +75,9 @@ nlohmann::ordered_json mdnsJSON(const PXMDNSPacket& message, std::uint64_t frame
     out["flags"] = message.flags();
     nlohmann::ordered_json questions = nlohmann::ordered_json::array();
     for (const PXMDNSQuestion& question : message.questionRecords())
-        questions.push_back(
-            {{"name", question.recordName()}, {"type", question.questionType()}, {"class", question.questionClass()}});
+        questions.push_back({{"name", std::string(question.recordName())},
+                             {"type", question.questionType()},
+                             {"class", question.questionClass()}});
     out["questions"] = std::move(questions);
     out["answers"] = recordsJSON(message.answerRecords());
     out["authority"] = recordsJSON(message.authoritativeAnswerRecords());

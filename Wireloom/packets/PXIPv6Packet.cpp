@@ -38,14 +38,18 @@ constinit PacketClass PXIPv6Packet::kClass("PXIPv6Packet", &PXPacket::staticClas
                                            &PXIPv6Packet::allowedParentProtocols, detail::kPXIPv6PacketIndex);
 
 std::string PXIPv6Packet::stringFromIPv6Address(const std::uint8_t* a) {
+    char text[kIPv6AddressTextSize];
+    return std::string(text, writeIPv6Address(a, text));
+}
+
+std::size_t PXIPv6Packet::writeIPv6Address(const std::uint8_t* a, char* out) {
     static constexpr char kDigits[] = "0123456789abcdef";
+    char* text = out;
     // Each byte in hex without leading zeros, as printf's %x writes it.
-    auto appendHex = [](std::string& text, unsigned byte) {
-        if (byte >= 0x10) text.push_back(kDigits[byte >> 4]);
-        text.push_back(kDigits[byte & 0xf]);
+    auto appendHex = [&text](unsigned byte) {
+        if (byte >= 0x10) *text++ = kDigits[byte >> 4];
+        *text++ = kDigits[byte & 0xf];
     };
-    std::string text;
-    text.reserve(40);
     bool pendingZeros = false;
     for (std::size_t i = 0; i < 8; ++i) {
         const unsigned high = a[2 * i];
@@ -55,16 +59,16 @@ std::string PXIPv6Packet::stringFromIPv6Address(const std::uint8_t* a) {
             continue;
         }
         if (pendingZeros) {
-            text.push_back(':');
+            *text++ = ':';
             pendingZeros = false;
         }
         // The two bytes written one after the other: the low byte's leading
         // zero goes (0x20 0x01 reads "201").
-        if (high != 0) appendHex(text, high);
-        appendHex(text, low);
-        if (i != 7) text.push_back(':');
+        if (high != 0) appendHex(high);
+        appendHex(low);
+        if (i != 7) *text++ = ':';
     }
-    return text;
+    return static_cast<std::size_t>(text - out);
 }
 
 std::optional<PacketClassSet> PXIPv6Packet::allowedParentProtocols() { return detail::ipParentClasses(); }

@@ -28,7 +28,11 @@ public:
     const std::uint8_t* sourceAddressBytes() const noexcept { return sourceAddress_; }
     const std::uint8_t* destAddressBytes() const noexcept { return destAddress_; }
 
+    static constexpr std::size_t kIPv6AddressTextSize = 40;
     static std::string stringFromIPv6Address(const std::uint8_t* address);
+    // The same text written at `out`, which has room for kIPv6AddressTextSize
+    // characters; returns its length (at most 39).
+    static std::size_t writeIPv6Address(const std::uint8_t* address, char* out);
 
     static std::optional<PacketClassSet> allowedParentProtocols();
     std::optional<PacketClassSet> restrictedChildProtocols() const override;

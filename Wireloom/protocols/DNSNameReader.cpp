@@ -3,60 +3,120 @@
 
 namespace wireloom {
 
-std::optional<std::string> readFullyQualitifiedDomainName(const std::uint8_t* messageStart, std::size_t messageLength,
-                                                          detail::ByteReader& cursor, std::uint32_t& consumed,
-                                                          std::string partialName, int depth) {
-    if (depth > kDNSNameMaxPointerDepth) return std::nullopt;
-    // Moving an empty partial name still copies its inline buffer, with a
-    // slow string instruction: only a name begun elsewhere is taken over.
-    std::string name;
-    if (partialName.empty())
-        name.reserve(64);
-    else
-        name = std::move(partialName);
+namespace {
 
-    // A pointer hands reading over to a cursor of its own at the target, as a
-    // nested read would, so the loop needs no recursion. What that cursor
-    // reads is counted into a scratch count.
-    detail::ByteReader* reader = &cursor;
-    detail::ByteReader followed(messageStart, 0);
-    std::uint32_t scratch = 0;
-    std::uint32_t* counted = &consumed;
+// Copies a label and tells whether it was all ASCII, in one pass of word
+// loads: the last word overlaps the one before instead of ending in a loop
+// of bytes, and short labels take two overlapping loads of their own size.
+// (A plain memcpy of a length GCC knows is under 256 becomes rep movsq,
+// slow to start for labels this short.)
+bool copyLabelIfASCII(char* out, const std::uint8_t* in, std::size_t n) noexcept {
+    std::uint64_t seen = 0;
+    auto move = [&]<class Word>(std::size_t at) {
+        Word word;
+        std::memcpy(&word, in + at, sizeof word);
+        std::memcpy(out + at, &word, sizeof word);
+        seen |= word;
+    };
+    if (n >= 8) {
+        for (std::size_t at = 0; at + 8 < n; at += 8) move.operator()<std::uint64_t>(at);
+        move.operator()<std::uint64_t>(n - 8);
+    } else if (n >= 4) {
+        move.operator()<std::uint32_t>(0);
+        move.operator()<std::uint32_t>(n - 4);
+    } else {
+        move.operator()<std::uint8_t>(0);
+        move.operator()<std::uint8_t>(n / 2);
+        move.operator()<std::uint8_t>(n - 1);
+    }
+    return (seen & 0x8080808080808080u) == 0;
+}
+
+}  // namespace
+
+// Inlined into the reader's loop: a call per label cost as much as the copy.
+[[gnu::always_inline]] inline bool DNSNameText::appendLabel(const std::uint8_t* label, std::size_t length) {
+    const std::size_t dot = size_ != 0;
+    if (size_ + dot + length > kInPlace) return spill(label, length);
+    inPlace_[size_] = '.';
+    char* out = inPlace_ + size_ + dot;
+    if (!copyLabelIfASCII(out, label, length) && !detail::validUTF8(label, length)) return false;
+    size_ += dot + length;
+    return true;
+}
+
+bool DNSNameText::spill(const std::uint8_t* label, std::size_t length) {
+    if (!detail::validUTF8(label, length)) return false;
+    if (size_ <= kInPlace) spilled_.assign(inPlace_, size_);
+    if (size_ != 0) spilled_ += '.';
+    spilled_.append(reinterpret_cast<const char*>(label), length);
+    size_ = spilled_.size();
+    return true;
+}
+
+namespace {
+
+// The reading itself, from a depth already reached. It walks the bytes
+// with a plain pointer and puts the caller's cursor in place once at the
+// end; a pointer moves the walk into the message, where nothing more is
+// counted and the caller's cursor stays after the pointer.
+bool readNameFrom(const std::uint8_t* messageStart, std::size_t messageLength, detail::ByteReader& cursor,
+                  std::uint32_t& consumed, DNSNameText& text, int depth) {
+    if (depth > kDNSNameMaxPointerDepth) return false;
+    const std::uint8_t* const callerBytes = cursor.data();
+    const std::uint8_t* p = callerBytes + cursor.offset();
+    const std::uint8_t* end = callerBytes + cursor.size();
+    const std::uint8_t* callerStop = nullptr;  // set once a pointer is followed
+    std::uint32_t counted = 0;
+    bool read = false;
     for (;;) {
-        if (reader->remaining() == 0) return std::nullopt;
-        const std::uint8_t length = reader->readByte();
-        ++*counted;
-        if (length == 0) return name;
+        if (p == end) break;
+        const std::uint8_t length = *p++;
+        counted += !callerStop;
+        if (length == 0) {
+            read = true;
+            break;
+        }
 
         if (messageStart && (length & 0xC0) == 0xC0) {
-            if (reader->remaining() == 0) return std::nullopt;
-            const std::size_t offset = static_cast<std::size_t>(length & 0x3F) << 8 | reader->readByte();
-            ++*counted;
-            if (offset >= messageLength || ++depth > kDNSNameMaxPointerDepth) return std::nullopt;
-            followed = detail::ByteReader(messageStart + offset, messageLength - offset);
-            reader = &followed;
-            counted = &scratch;
+            if (p == end) break;
+            const std::size_t offset = static_cast<std::size_t>(length & 0x3F) << 8 | *p++;
+            if (!callerStop) {
+                ++counted;
+                callerStop = p;
+            }
+            if (offset >= messageLength || ++depth > kDNSNameMaxPointerDepth) break;
+            p = messageStart + offset;
+            end = messageStart + messageLength;
             continue;
         }
 
-        if (!name.empty()) name += '.';
         // One byte more than the label must remain: the name cannot end
         // without its terminator or a pointer.
-        if (reader->remaining() <= length) return std::nullopt;
-        const std::size_t at = reader->offset();
-        const std::uint8_t* label = reader->readBytes(length);
-        if (!detail::validUTF8(label, length)) {
-            reader->seek(at);
-            return std::nullopt;
-        }
-        *counted += length;
-        // Knowing a label is under 256 bytes, GCC copies it with rep movsq,
-        // which costs more to start than the short labels of real names take:
-        // hiding the bound leaves the copy to memcpy.
-        std::size_t size = length;
-        __asm__("" : "+r"(size));
-        name.append(reinterpret_cast<const char*>(label), size);
+        if (static_cast<std::size_t>(end - p) <= length || !text.appendLabel(p, length)) break;
+        if (!callerStop) counted += length;
+        p += length;
     }
+    consumed += counted;
+    cursor.seek(static_cast<std::size_t>((callerStop ? callerStop : p) - callerBytes));
+    return read;
+}
+
+}  // namespace
+
+bool readDomainNameText(const std::uint8_t* messageStart, std::size_t messageLength, detail::ByteReader& cursor,
+                        std::uint32_t& consumed, DNSNameText& text) {
+    return readNameFrom(messageStart, messageLength, cursor, consumed, text, 0);
+}
+
+std::optional<std::string> readFullyQualitifiedDomainName(const std::uint8_t* messageStart, std::size_t messageLength,
+                                                          detail::ByteReader& cursor, std::uint32_t& consumed,
+                                                          std::string partialName, int depth) {
+    DNSNameText text;
+    if (!readNameFrom(messageStart, messageLength, cursor, consumed, text, depth)) return std::nullopt;
+    if (!partialName.empty() && !text.view().empty()) partialName += '.';
+    partialName += text.view();
+    return partialName;
 }
 
 }  // namespace wireloom

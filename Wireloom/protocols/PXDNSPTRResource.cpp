@@ -4,7 +4,8 @@ namespace wireloom {
 
 std::shared_ptr<PXReportAnalyzerEntry> PXDNSPTRResource::reportAnalyzerEntry() const {
     auto entry = PXDNSResource::reportAnalyzerEntry();
-    entry->addLineWithKey("Canonical Name", canonicalName_ ? Value(*canonicalName_) : Value());
+    entry->addLineWithKey("Canonical Name",
+                          canonicalName_.present() ? Value(std::string(canonicalName_.view())) : Value());
     return entry;
 }
 

@@ -2,10 +2,11 @@
 // PXDNSPTRResource: a PTR record's data (type 12), the name it points to;
 // in DNS-SD, a service instance of the browsed service type.
 
+#include <Wireloom/protocols/DNSText.hpp>
 #include <Wireloom/protocols/PXDNSResource.hpp>
 
 #include <optional>
-#include <string>
+#include <string_view>
 
 namespace wireloom {
 
@@ -14,13 +15,14 @@ public:
     std::string className() const override { return "PXDNSPTRResource"; }
 
     // Nothing when the name could not be read.
-    const std::optional<std::string>& canonicalName() const noexcept { return canonicalName_; }
-    void setCanonicalName(std::optional<std::string> name) { canonicalName_ = std::move(name); }
+    std::optional<std::string_view> canonicalName() const noexcept { return canonicalName_.optional(); }
+    void setCanonicalName(std::optional<std::string_view> name) { canonicalName_ = DNSText(name); }
+    void setCanonicalName(DNSText name) noexcept { canonicalName_ = std::move(name); }
 
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
 
 private:
-    std::optional<std::string> canonicalName_;
+    DNSText canonicalName_;
 };
 
 }  // namespace wireloom

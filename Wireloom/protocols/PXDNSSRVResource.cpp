@@ -7,7 +7,7 @@ std::shared_ptr<PXReportAnalyzerEntry> PXDNSSRVResource::reportAnalyzerEntry() c
     entry->addLineWithKey("Priority", priority_);
     entry->addLineWithKey("Weight", weight_);
     entry->addLineWithKey("Port", port_);
-    entry->addLineWithKey("Target", target_ ? Value(*target_) : Value());
+    entry->addLineWithKey("Target", target_.present() ? Value(std::string(target_.view())) : Value());
     return entry;
 }
 

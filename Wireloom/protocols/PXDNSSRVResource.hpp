@@ -2,11 +2,12 @@
 // PXDNSSRVResource: an SRV record's data (type 33), where a service instance
 // is reached: priority, weight, port and target host.
 
+#include <Wireloom/protocols/DNSText.hpp>
 #include <Wireloom/protocols/PXDNSResource.hpp>
 
 #include <cstdint>
 #include <optional>
-#include <string>
+#include <string_view>
 
 namespace wireloom {
 
@@ -21,13 +22,14 @@ public:
     std::uint16_t port() const noexcept { return port_; }
     void setPort(std::uint16_t port) noexcept { port_ = port; }
     // Nothing when the target name could not be read.
-    const std::optional<std::string>& target() const noexcept { return target_; }
-    void setTarget(std::optional<std::string> target) { target_ = std::move(target); }
+    std::optional<std::string_view> target() const noexcept { return target_.optional(); }
+    void setTarget(std::optional<std::string_view> target) { target_ = DNSText(target); }
+    void setTarget(DNSText target) noexcept { target_ = std::move(target); }
 
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
 
 private:
-    std::optional<std::string> target_;
+    DNSText target_;
     std::uint16_t priority_ = 0;
     std::uint16_t weight_ = 0;
     std::uint16_t port_ = 0;

@@ -20,15 +20,18 @@ constexpr std::size_t kHeaderSize = 12;
 constexpr std::size_t kSmallestQuestion = 5;
 constexpr std::size_t kSmallestRecord = 11;
 
-// Reads `count` records into `records`; false when a field runs short.
-bool readRecords(std::span<const std::uint8_t> message, const ByteBuffer& messageBuffer, detail::ByteReader& cursor,
+// Reads `count` records into `records`, a vector of `holder`; false when a
+// field runs short.
+bool readRecords(const ByteBuffer& message, const PXMDNSPacket* holder, detail::ByteReader& cursor,
                  std::uint32_t& consumed, std::uint16_t count, std::vector<PXMDNSRecord>& records) {
     records.reserve(std::min<std::size_t>(count, cursor.remaining() / kSmallestRecord));
     for (std::uint16_t i = 0; i < count; ++i) {
         PXMDNSRecord& record = records.emplace_back();
         // Unlike a question's, a record's unreadable name spoils nothing
         // else: reading goes on from wherever the name reader stopped.
-        record.setRecordName(readFullyQualitifiedDomainName(message.data(), message.size(), cursor, consumed));
+        if (DNSNameText name(detail::frameTextRoom(holder));
+            readDomainNameText(message.data(), message.size(), cursor, consumed, name))
+            record.setRecordName(detail::keepDecodedText(holder, name.view()));
         if (!cursor.has(10)) return false;
         record.setRecordType(cursor.readBE<std::uint16_t>());
         record.setRecordClass(cursor.readBE<std::uint16_t>());
@@ -38,10 +41,10 @@ bool readRecords(std::span<const std::uint8_t> message, const ByteBuffer& messag
         consumed += 10;
         record.setResourceDataOffsetInMessage(static_cast<std::int64_t>(cursor.offset()));
         if (!cursor.has(length)) return false;
-        record.setResourceData(messageBuffer.subrange(cursor.offset(), length));
+        record.setResourceData(message.subrange(cursor.offset(), length));
         cursor.skip(length);
         consumed += length;
-        record.parseResourceDataWithMessageBody(message);
+        record.parseResourceDataWithMessageBody(message.span());
     }
     return true;
 }
@@ -76,11 +79,12 @@ PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketP
     std::size_t length = data.size();
     if (udp.payloadSize() > 0 && udp.payloadSize() < length) length = udp.payloadSize();
     if (length < kHeaderSize) return nullptr;
-    const ByteBuffer message = data.borrowedView(0, length);
-    const std::span<const std::uint8_t> bytes = message.span();
+    // Owning, unlike the borrowed view the decoder is handed: every name and
+    // resource kept from it takes a share, straight from this one.
+    const ByteBuffer message = data.subrange(0, length);
 
     auto packet = newLayer<PXMDNSPacket>();
-    detail::ByteReader cursor(bytes);
+    detail::ByteReader cursor(message.span());
     packet->transactionID_ = cursor.readBE<std::uint16_t>();
     packet->flags_ = cursor.readBE<std::uint16_t>();
     packet->questionRRC_ = cursor.readBE<std::uint16_t>();
@@ -92,17 +96,17 @@ PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketP
     packet->questionRecords_.reserve(
         std::min<std::size_t>(packet->questionRRC_, cursor.remaining() / kSmallestQuestion));
     for (std::uint16_t i = 0; i < packet->questionRRC_; ++i) {
-        std::optional<std::string> name = readFullyQualitifiedDomainName(bytes.data(), bytes.size(), cursor, count);
-        if (!name || !cursor.has(4)) return nullptr;
+        DNSNameText name(detail::frameTextRoom(packet.get()));
+        if (!readDomainNameText(message.data(), message.size(), cursor, count, name) || !cursor.has(4)) return nullptr;
         PXMDNSQuestion& question = packet->questionRecords_.emplace_back();
-        question.setRecordName(std::move(*name));
+        question.setRecordName(detail::keepDecodedText(packet.get(), name.view()));
         question.setQuestionType(cursor.readBE<std::uint16_t>());
         question.setQuestionClass(cursor.readBE<std::uint16_t>());
         count += 4;
     }
-    if (!readRecords(bytes, message, cursor, count, packet->answerRRC_, packet->answerRecords_) ||
-        !readRecords(bytes, message, cursor, count, packet->authorityRRC_, packet->authorityRecords_) ||
-        !readRecords(bytes, message, cursor, count, packet->additionalRRC_, packet->additionalRecords_))
+    if (!readRecords(message, packet.get(), cursor, count, packet->answerRRC_, packet->answerRecords_) ||
+        !readRecords(message, packet.get(), cursor, count, packet->authorityRRC_, packet->authorityRecords_) ||
+        !readRecords(message, packet.get(), cursor, count, packet->additionalRRC_, packet->additionalRecords_))
         return nullptr;
     *consumed = count;
     return packet;
@@ -123,7 +127,8 @@ void addRecordSection(PXReportAnalyzerEntry& entry, std::string_view label, cons
     for (const PXMDNSRecord& record : records) {
         auto line = section->addNestedEntry();
         line->setSectionTitle(detail::stringWithFormat("Record %u", number++));
-        line->addLineWithKey("Name", record.recordName() ? Value(*record.recordName()) : Value());
+        const std::optional<std::string_view> name = record.recordName();
+        line->addLineWithKey("Name", name ? Value(std::string(*name)) : Value());
         line->addLineWithKey("Type", typeText(record.recordType()));
         line->addLineWithKey("Class", detail::stringWithFormat("0x%04x", record.recordClass()));
         line->addLineWithKey(
@@ -141,13 +146,13 @@ std::shared_ptr<PXReportAnalyzerEntry> PXMDNSPacket::reportAnalyzerEntry() const
     auto entry = PXReportAnalyzerEntry::entry();
     std::string title = "Peerbell ";
     const char* separator = "";
-    auto list = [&](const char* prefix, const std::string* name) {
+    auto list = [&](const char* prefix, std::optional<std::string_view> name) {
         title.append(separator).append(prefix).append(name ? *name : "(null)");
         separator = ", ";
     };
-    for (const PXMDNSQuestion& question : questionRecords_) list("Q: ", &question.recordName());
+    for (const PXMDNSQuestion& question : questionRecords_) list("Q: ", question.recordName());
     auto listRecords = [&](const char* prefix, const std::vector<PXMDNSRecord>& records) {
-        for (const PXMDNSRecord& record : records) list(prefix, record.recordName() ? &*record.recordName() : nullptr);
+        for (const PXMDNSRecord& record : records) list(prefix, record.recordName());
     };
     listRecords("A: ", answerRecords_);
     listRecords("AA: ", authorityRecords_);
@@ -176,7 +181,7 @@ std::shared_ptr<PXReportAnalyzerEntry> PXMDNSPacket::reportAnalyzerEntry() const
     for (const PXMDNSQuestion& question : questionRecords_) {
         auto line = questions->addNestedEntry();
         line->setSectionTitle(detail::stringWithFormat("Question %u", number++));
-        line->addLineWithKey("Name", question.recordName());
+        line->addLineWithKey("Name", std::string(question.recordName()));
         line->addLineWithKey("Type", typeText(question.questionType()));
         line->addLineWithKey("Class", detail::stringWithFormat("0x%04x", question.questionClass()));
     }

@@ -23,12 +23,15 @@ std::shared_ptr<T> newResource(Args&&... args) {
     return std::make_shared<T>(std::forward<Args>(args)...);
 }
 
-// The name at a message offset; its consumed count is of no interest.
-std::optional<std::string> nameAt(std::span<const std::uint8_t> message, std::size_t offset) {
-    if (offset > message.size()) return std::nullopt;
+// The name at a message offset, for the resource that holds it; its
+// consumed count is of no interest.
+DNSText nameAt(std::span<const std::uint8_t> message, std::size_t offset, const void* holder) {
+    if (offset > message.size()) return {};
     detail::ByteReader cursor(message.data() + offset, message.size() - offset);
     std::uint32_t consumed = 0;
-    return readFullyQualitifiedDomainName(message.data(), message.size(), cursor, consumed);
+    DNSNameText text(detail::frameTextRoom(holder));
+    if (!readDomainNameText(message.data(), message.size(), cursor, consumed, text)) return {};
+    return detail::keepDecodedText(holder, text.view());
 }
 
 }  // namespace
@@ -46,13 +49,13 @@ void PXMDNSRecord::parseResourceDataWithMessageBody(std::span<const std::uint8_t
         srv->setPort(r.readBE<std::uint16_t>());
         // The target may point anywhere in the message, and is read through
         // it rather than within the record's data.
-        srv->setTarget(nameAt(message, offset + 6));
+        srv->setTarget(nameAt(message, offset + 6, srv.get()));
         resource_ = std::move(srv);
         return;
     }
     case kTypePTR: {
         auto ptr = newResource<PXDNSPTRResource>();
-        ptr->setCanonicalName(nameAt(message, offset));
+        ptr->setCanonicalName(nameAt(message, offset, ptr.get()));
         resource_ = std::move(ptr);
         return;
     }
@@ -63,7 +66,11 @@ void PXMDNSRecord::parseResourceDataWithMessageBody(std::span<const std::uint8_t
     case kTypeAAAA: {
         if (resourceData_.size() < 16) return;
         auto aaaa = newResource<PXDNSIPv6AddressResource>();
-        aaaa->setIpv6Address(PXIPv6Packet::stringFromIPv6Address(resourceData_.data()));
+        char ownRoom[PXIPv6Packet::kIPv6AddressTextSize];
+        const std::span<char> room = detail::frameTextRoom(aaaa.get());
+        char* text = room.size() >= sizeof ownRoom ? room.data() : ownRoom;
+        const std::size_t length = PXIPv6Packet::writeIPv6Address(resourceData_.data(), text);
+        aaaa->setIpv6Address(detail::keepDecodedText(aaaa.get(), {text, length}));
         resource_ = std::move(aaaa);
         return;
     }

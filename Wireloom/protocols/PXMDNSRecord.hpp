@@ -5,19 +5,26 @@
 // and AAAA also carry their data decoded as a PXDNSResource.
 
 #include <Wireloom/core/ByteBuffer.hpp>
+#include <Wireloom/protocols/DNSText.hpp>
 #include <Wireloom/protocols/PXDNSResource.hpp>
 
 #include <cstdint>
 #include <optional>
 #include <span>
-#include <string>
+#include <string_view>
 
 namespace wireloom {
 
 class PXMDNSRecord {
 public:
-    const std::optional<std::string>& recordName() const noexcept { return recordName_; }
-    void setRecordName(std::optional<std::string> name) { recordName_ = std::move(name); }
+    // Every member has its initializer: declared so that emplace_back does
+    // not zero the whole record before running them.
+    PXMDNSRecord() noexcept {}
+
+    // Valid while the record or a copy of it lives.
+    std::optional<std::string_view> recordName() const noexcept { return recordName_.optional(); }
+    void setRecordName(std::optional<std::string_view> name) { recordName_ = DNSText(name); }
+    void setRecordName(DNSText name) noexcept { recordName_ = std::move(name); }
     std::uint16_t recordType() const noexcept { return recordType_; }
     void setRecordType(std::uint16_t type) noexcept { recordType_ = type; }
     // The whole field: the cache-flush bit (0x8000) is kept.
@@ -40,7 +47,7 @@ public:
     void parseResourceDataWithMessageBody(std::span<const std::uint8_t> message);
 
 private:
-    std::optional<std::string> recordName_;
+    DNSText recordName_;
     ByteBuffer resourceData_;
     PXDNSResource::Ptr resource_;
     std::int64_t resourceDataOffsetInMessage_ = 0;

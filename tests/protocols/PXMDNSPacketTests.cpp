@@ -159,6 +159,32 @@ TEST(DNSNameReader, WithoutAMessageStartHighLengthsAreLabels) {
     EXPECT_EQ(readName(Bytes{64} + Bytes(64, 'b') + Bytes{0}, 0), std::string(64, 'b'));
 }
 
+TEST(DNSNameReader, NonASCIIAnywhereInALabelAndNamesLongerThanTheWireAllows) {
+    // Labels are copied and checked a word at a time, the last word
+    // overlapping the one before: a high byte must count wherever it lies.
+    for (std::size_t length : {1, 2, 3, 4, 5, 7, 8, 9, 16, 17, 63}) {
+        for (std::size_t at : {std::size_t{0}, length / 2, length - 1}) {
+            Bytes label(length, 'a');
+            label[at] = 0x80;
+            EXPECT_FALSE(readName(Bytes{static_cast<std::uint8_t>(length)} + label + Bytes{0}, 0)) << length << at;
+        }
+        if (length < 2) continue;
+        std::string accented(length - 2, 'a');
+        accented += "\xc3\xa9";
+        EXPECT_EQ(
+            readName(Bytes{static_cast<std::uint8_t>(length)} + Bytes(accented.begin(), accented.end()) + Bytes{0}, 0),
+            accented);
+    }
+    // Five full labels: 319 characters, past the 255 of a name on the wire.
+    Bytes labels;
+    std::string dotted;
+    for (char c : std::string("abcde")) {
+        labels = labels + Bytes{63} + Bytes(63, static_cast<std::uint8_t>(c));
+        dotted += (dotted.empty() ? "" : ".") + std::string(63, c);
+    }
+    EXPECT_EQ(readName(labels + Bytes{0}, 0), dotted);
+}
+
 TEST(MDNSResources, SRVNeedsSevenBytesAndReadsItsTargetThroughTheMessage) {
     const Bytes name = {1, 's', 0};
     const Bytes shortSrv = name + recordFields(33, 120, {0, 1, 0, 2, 0, 80});
@@ -262,4 +288,60 @@ TEST(MDNSChain, OnlyDatagramsFrom5353To5353AndOnlyTheDatagramsBytes) {
     EXPECT_EQ(layerNames(decode(padded)).back(), "PXUDPPacket");
     EXPECT_EQ(PXMDNSPacket::nameOfRecordType(28), "AAAA (IPv6)");
     EXPECT_EQ(PXMDNSPacket::nameOfRecordType(99), "unknown");
+}
+
+// Decoded through the chain, names lie in the frame's block. Whatever is
+// kept of a message must read the same once the message is gone and later
+// frames, laid out alike, have taken the block over.
+TEST(MDNSChain, TextKeptOfAMessageOutlivesIt) {
+    // Names longer than a wire name (four full labels) and a data-less record,
+    // whose copy holds nothing of the frame but its name.
+    auto response = [](const std::string& host, char label) {
+        const std::string longName = std::string(63, label) + "." + std::string(63, label + 1) + "." +
+                                     std::string(63, label + 2) + "." + std::string(63, label + 3) + ".local";
+        DnsMessage m(0, 0x8400);
+        m.ask("_http._tcp." + host, 12);
+        m.record(DnsMessage::answer, "_http._tcp.local", 12, 1, 4500,
+                 [&](DnsMessage& d) { d.writeName(host + "._http._tcp.local"); });
+        m.record(DnsMessage::additional, host + "._http._tcp.local", 33, 0x8001, 120, [&](DnsMessage& d) {
+            d.write(0, 4);
+            d.write(80, 2);
+            d.writeName(longName);
+        });
+        m.record(DnsMessage::additional, longName, 28, 0x8001, 120,
+                 [&](DnsMessage& d) { d.write(Bytes(16, static_cast<std::uint8_t>(label))); });
+        m.record(DnsMessage::additional, host + ".local", 47, 0x8001, 120, [](DnsMessage&) {});
+        return mdnsFrame(m.bytes());
+    };
+    const std::string longName = std::string(63, 'h') + "." + std::string(63, 'i') + "." + std::string(63, 'j') + "." +
+                                 std::string(63, 'k') + ".local";
+
+    auto reuseTheBlock = [&] {
+        for (int i = 0; i < 40; ++i) decode(response("hallway", 'p'));
+    };
+
+    // Copies of records and questions, without their message.
+    std::vector<PXMDNSQuestion> questions;
+    std::optional<PXMDNSRecord> copied;
+    if (const auto message = decode(response("kitchen", 'h'))->packetWithProtocol<PXMDNSPacket>()) {
+        questions = message->questionRecords();
+        copied = message->additionalRecords().at(2);
+        EXPECT_EQ(message->additionalRecords().at(1).recordName(), longName);
+    }
+    reuseTheBlock();
+    EXPECT_EQ(questions.at(0).recordName(), "_http._tcp.kitchen");
+    EXPECT_EQ(copied->recordName(), "kitchen.local");
+
+    // Resources, without their message.
+    PXDNSResource::Ptr ptr, srv, aaaa;
+    if (const auto message = decode(response("kitchen", 'h'))->packetWithProtocol<PXMDNSPacket>()) {
+        ptr = message->answerRecords().at(0).resource();
+        srv = message->additionalRecords().at(0).resource();
+        aaaa = message->additionalRecords().at(1).resource();
+    }
+    reuseTheBlock();
+    EXPECT_EQ(std::dynamic_pointer_cast<PXDNSPTRResource>(ptr)->canonicalName(), "kitchen._http._tcp.local");
+    EXPECT_EQ(std::dynamic_pointer_cast<PXDNSSRVResource>(srv)->target(), longName);
+    EXPECT_EQ(std::dynamic_pointer_cast<PXDNSIPv6AddressResource>(aaaa)->ipv6Address(),
+              "6868:6868:6868:6868:6868:6868:6868:6868");
 }

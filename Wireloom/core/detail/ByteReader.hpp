@@ -28,6 +28,8 @@ public:
     bool ok() const noexcept { return ok_; }
     std::size_t offset() const noexcept { return offset_; }
     std::size_t size() const noexcept { return size_; }
+    // The first byte, for loops that walk the bytes themselves and seek after.
+    const std::uint8_t* data() const noexcept { return data_; }
     std::size_t remaining() const noexcept { return size_ - offset_; }
     bool has(std::size_t n) const noexcept { return n <= remaining(); }
 

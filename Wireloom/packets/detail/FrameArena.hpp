@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <span>
 
 namespace wireloom::detail {
 
@@ -39,6 +40,19 @@ public:
         next_ = start + bytes;
         ++pendingReferences_;
         return reinterpret_cast<std::uint8_t*>(this) + start;
+    }
+    // Memory that no allocator will give back, for bytes reached only through
+    // something else the block holds (text decoded from the captured bytes,
+    // kept alive by whatever owns those): it takes no reference of its own.
+    void* allocateUnreferenced(std::size_t bytes) noexcept {
+        if (bytes > end_ - next_) return nullptr;
+        void* p = reinterpret_cast<std::uint8_t*>(this) + next_;
+        next_ += bytes;
+        return p;
+    }
+    // What allocateUnreferenced would hand out next, to write in before asking.
+    std::span<std::uint8_t> unallocated() noexcept {
+        return {reinterpret_cast<std::uint8_t*>(this) + next_, end_ - next_};
     }
     bool owns(const void* p) const noexcept {
         auto address = reinterpret_cast<std::uintptr_t>(p);

@@ -1,0 +1,122 @@
+#pragma once
+// DNSText: a piece of text a decoded DNS message hands out (a name, an
+// address), or its absence when the bytes could not be read.
+//
+// The decoder leaves the text in the frame's block, beside the captured
+// bytes, when the object holding it lies in that block too: the holder keeps
+// the block alive, so the text needs no reference count and no copy. Any
+// copy of such a text owns its bytes, so a record copied out of its message
+// outlives it safely; a move keeps the text where it is, and happens only
+// inside its holder (a vector of records growing). Text set by hand, or
+// decoded outside a frame's block, has a block of its own that copies share.
+//
+//   if (std::optional<std::string_view> name = record.recordName()) use(*name);
+
+#include <Wireloom/core/ByteBuffer.hpp>
+#include <Wireloom/packets/detail/FrameArena.hpp>
+
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <span>
+#include <string_view>
+
+namespace wireloom {
+
+class DNSText {
+public:
+    DNSText() noexcept = default;
+    explicit DNSText(std::string_view text) : present_(true) { own(text); }
+    explicit DNSText(std::optional<std::string_view> text) {
+        if (text) *this = DNSText(*text);
+    }
+    DNSText(const DNSText& other) : present_(other.present_) {
+        if (other.isBorrowed())
+            own(other.view());
+        else
+            owned_ = other.owned_, data_ = other.data_, size_ = other.size_;
+    }
+    DNSText(DNSText&& other) noexcept
+        : owned_(std::move(other.owned_)), data_(other.data_), size_(other.size_), present_(other.present_) {
+        other.data_ = "", other.size_ = 0, other.present_ = false;
+    }
+    DNSText& operator=(const DNSText& other) {
+        if (this != &other) *this = DNSText(other);
+        return *this;
+    }
+    DNSText& operator=(DNSText&& other) noexcept {
+        if (this != &other) {
+            owned_ = std::move(other.owned_);
+            data_ = other.data_, size_ = other.size_, present_ = other.present_;
+            other.data_ = "", other.size_ = 0, other.present_ = false;
+        }
+        return *this;
+    }
+    ~DNSText() = default;
+
+    // The same as the constructor, out of line for the decoder's rare case.
+    [[gnu::noinline]] static DNSText owning(std::string_view text) { return DNSText(text); }
+    // Text the decoder placed in the frame's block, where its holder lies.
+    static DNSText borrowedFromFrame(std::string_view text) noexcept {
+        DNSText kept;
+        kept.present_ = true;
+        kept.data_ = text.data();
+        kept.size_ = static_cast<std::uint32_t>(text.size());
+        return kept;
+    }
+
+    bool present() const noexcept { return present_; }
+    // "" when absent.
+    std::string_view view() const noexcept { return {data_, size_}; }
+    std::optional<std::string_view> optional() const noexcept {
+        return present_ ? std::optional<std::string_view>(view()) : std::nullopt;
+    }
+
+private:
+    bool isBorrowed() const noexcept { return size_ != 0 && owned_.empty(); }
+    void own(std::string_view text) {
+        owned_ = ByteBuffer::fromString(text);
+        data_ = owned_.stringView().data();
+        size_ = static_cast<std::uint32_t>(text.size());
+    }
+
+    ByteBuffer owned_;
+    const char* data_ = "";
+    std::uint32_t size_ = 0;
+    bool present_ = false;
+};
+
+namespace detail {
+
+// These run for every name decoded, so they are inline.
+
+inline FrameArena* arenaHolding(const void* holder) noexcept {
+    FrameArena* arena = tCurrentFrameArena;
+    return arena && arena->owns(holder) ? arena : nullptr;
+}
+
+// Text read out of a message, for an object decoded with it (`holder`): in
+// the frame's block when the holder lies in the block being decoded (see
+// DNSText), else in a block of its own. Text written in frameTextRoom just
+// before, with nothing allocated since, is kept where it is.
+inline DNSText keepDecodedText(const void* holder, std::string_view text) {
+    if (FrameArena* arena = arenaHolding(holder); arena && !text.empty())
+        if (void* kept = arena->allocateUnreferenced(text.size())) {
+            if (kept != text.data()) std::memcpy(kept, text.data(), text.size());
+            return DNSText::borrowedFromFrame({static_cast<const char*>(kept), text.size()});
+        }
+    return DNSText::owning(text);
+}
+
+// Where the next text kept for `holder` will go in the frame's block, or
+// nothing when it will not go there.
+inline std::span<char> frameTextRoom(const void* holder) noexcept {
+    FrameArena* arena = arenaHolding(holder);
+    if (!arena) return {};
+    const std::span<std::uint8_t> room = arena->unallocated();
+    return {reinterpret_cast<char*>(room.data()), room.size()};
+}
+
+}  // namespace detail
+
+}  // namespace wireloom
