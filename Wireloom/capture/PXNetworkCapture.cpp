@@ -201,7 +201,7 @@ bool PXNetworkCapture::PX_processPacketHeader(const pcap_pkthdr& header, const s
     const PXPacket* announced = nullptr;
     for (ObserverProbe& probe : probes_) {
         if (!probe.isObserved()) continue;
-        if (!notification) notification.emplace(Notification{{}, shared_from_this(), {}});
+        if (!notification) notification.emplace().sender = shared_from_this();
         if (announced != announcing_.get() || notification->userInfo.empty()) {
             notification->userInfo.clear();
             notification->userInfo.emplace("packet", ObjectPtr(announcing_));
