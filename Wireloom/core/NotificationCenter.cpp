@@ -14,11 +14,10 @@ namespace {
 struct Registration {
     // A constructor rather than aggregate initialisation through make_shared,
     // which not every compiler the project builds with (clang 14) accepts.
-    Registration(const void* observer, const Object* sender, NotificationCenter::Callback callback)
-        : observer(observer), sender(sender), callback(std::move(callback)) {}
+    Registration(const void* observer, NotificationCenter::Callback callback)
+        : observer(observer), callback(std::move(callback)) {}
 
     const void* observer;
-    const Object* sender;
     NotificationCenter::Callback callback;
     // Set under the center's mutex, read by deliveries that run without it.
     std::atomic<bool> removed{false};
@@ -36,22 +35,30 @@ struct NameHash {
 // delivers from it, unaffected by later changes except for the `removed`
 // flags.
 struct NotificationCenter::Registrations {
+    // The sender beside the registration, so that a post skips those for
+    // other senders (an analyser per flow, say) without reaching into each.
+    struct Entry {
+        const Object* sender;
+        std::shared_ptr<Registration> registration;
+    };
     std::string_view name;  // the key of the center's entry, which stays
-    std::vector<std::shared_ptr<Registration>> items;
+    std::vector<Entry> items;
 };
 
 namespace {
 
 using SharedList = std::shared_ptr<const NotificationCenter::Registrations>;
 
-bool wants(const Registration& registration, const Object* sender) {
-    return !registration.removed.load(std::memory_order_acquire) &&
-           (registration.sender == nullptr || registration.sender == sender);
+using Entry = NotificationCenter::Registrations::Entry;
+
+bool wants(const Entry& entry, const Object* sender) {
+    return (entry.sender == nullptr || entry.sender == sender) &&
+           !entry.registration->removed.load(std::memory_order_acquire);
 }
 
-void deliver(const std::vector<std::shared_ptr<Registration>>& list, const Notification& notification) {
-    for (const auto& registration : list)
-        if (wants(*registration, notification.sender.get())) registration->callback(notification);
+void deliver(const std::vector<Entry>& list, const Notification& notification) {
+    for (const Entry& entry : list)
+        if (wants(entry, notification.sender.get())) entry.registration->callback(notification);
 }
 
 }  // namespace
@@ -74,15 +81,15 @@ struct NotificationCenter::Impl {
     // or by none when it was the last. Caller holds the mutex.
     static void removeFrom(SharedList& list, const void* observer) {
         if (!list || std::none_of(list->items.begin(), list->items.end(),
-                                  [&](const auto& r) { return r->observer == observer; }))
+                                  [&](const Entry& e) { return e.registration->observer == observer; }))
             return;
         auto kept = std::make_shared<Registrations>();
         kept->name = list->name;
-        for (const auto& registration : list->items) {
-            if (registration->observer == observer)
-                registration->removed = true;
+        for (const Entry& entry : list->items) {
+            if (entry.registration->observer == observer)
+                entry.registration->removed = true;
             else
-                kept->items.push_back(registration);
+                kept->items.push_back(entry);
         }
         if (kept->items.empty())
             list.reset();
@@ -102,13 +109,13 @@ NotificationCenter::~NotificationCenter() = default;
 void NotificationCenter::addObserver(const void* observer, std::string name, Callback callback, const Object* sender) {
     WL_ASSERT(observer != nullptr, "An observer needs an address to be removed by");
     WL_ASSERT(callback != nullptr, "An observer needs a callback");
-    auto registration = std::make_shared<Registration>(observer, sender, std::move(callback));
+    auto registration = std::make_shared<Registration>(observer, std::move(callback));
     std::lock_guard lock(impl_->mutex);
     auto entry = impl_->lists.try_emplace(std::move(name)).first;
     SharedList& list = entry->second;
     auto extended = list ? std::make_shared<Registrations>(*list) : std::make_shared<Registrations>();
     extended->name = entry->first;
-    extended->items.push_back(std::move(registration));
+    extended->items.push_back({sender, std::move(registration)});
     list = std::move(extended);
     impl_->revision.fetch_add(1, std::memory_order_release);
 }
@@ -138,7 +145,7 @@ std::shared_ptr<const NotificationCenter::Registrations> NotificationCenter::reg
 void NotificationCenter::postNotification(std::string_view name, std::shared_ptr<Object> sender, UserInfo userInfo) {
     SharedList list = impl_->listFor(name);
     if (!list ||
-        std::none_of(list->items.begin(), list->items.end(), [&](const auto& r) { return wants(*r, sender.get()); }))
+        std::none_of(list->items.begin(), list->items.end(), [&](const Entry& e) { return wants(e, sender.get()); }))
         return;
     deliver(list->items, Notification{list->name, std::move(sender), std::move(userInfo)});
 }
