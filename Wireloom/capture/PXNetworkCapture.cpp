@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <semaphore>
 #include <utility>
 
@@ -34,8 +35,6 @@ double wallClock() {
 
 // A record's header in a pcap file: two times and two lengths, 4 bytes each.
 constexpr std::uint64_t kRecordHeaderBytes = 16;
-
-UserInfo packetInfo(const PXPacketPtr& packet) { return {{"packet", Value(ObjectPtr(packet))}}; }
 
 // pcap_open_live(interface, 65535, not promiscuous, ...), with its error
 // texts, but made step by step for two settings Linux needs. Its packet ring
@@ -195,12 +194,21 @@ bool PXNetworkCapture::PX_processPacketHeader(const pcap_pkthdr& header, const s
     // Held strongly while it is announced, whichever packet that ends up being.
     announcing_ = packet;
     currentPacket_ = packet;
-    NotificationCenter& center = NotificationCenter::defaultCenter();
-    const std::shared_ptr<Object> self = shared_from_this();
-    // The user-info is made only for a notification somebody observes: a
-    // replay announces every frame of a file four times.
+    // The notification is made only when somebody observes one of the four
+    // (a replay announces every frame of a file four times), and made once:
+    // only its name changes, and its packet if an observer transformed it.
+    std::optional<Notification> notification;
+    const PXPacket* announced = nullptr;
     for (ObserverProbe& probe : probes_) {
-        if (probe.isObserved()) center.postNotification(probe.name(), self, packetInfo(announcing_));
+        if (!probe.isObserved()) continue;
+        if (!notification) notification.emplace().sender = shared_from_this();
+        if (announced != announcing_.get() || notification->userInfo.empty()) {
+            notification->userInfo.clear();
+            notification->userInfo.emplace("packet", ObjectPtr(announcing_));
+            announced = announcing_.get();
+        }
+        notification->name = probe.name();
+        probe.post(*notification);
     }
     announcing_.reset();
     return true;

@@ -28,11 +28,14 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace wireloom {
 
 struct Notification {
-    std::string name;
+    // The center's own copy of the name, or the poster's for a notification
+    // posted whole: valid while the center lives (the default center always).
+    std::string_view name;
     std::shared_ptr<Object> sender;  // may be null
     UserInfo userInfo;
 };
@@ -70,35 +73,56 @@ public:
     // may remember observerCount() answers until it moves.
     std::uint64_t registrationRevision() const noexcept;
 
+    // One name's registrations at some revision; opaque outside the center.
+    struct Registrations;
+
 private:
+    friend class ObserverProbe;
+    std::shared_ptr<const Registrations> registrationsFor(std::string_view name) const;
+
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
 
 // Whether a name has observers, asked of the center again only when its
-// registrations change. A poster of thousands of notifications a second
-// keeps one per name and builds a user info only when someone will read it:
+// registrations change, and the registrations to deliver to. A poster of
+// thousands of notifications a second keeps one per name (and per thread:
+// a probe is not thread-safe), builds the notification only when someone
+// will read it, and posts it without a look-up or lock:
 //
-//   if (chunkProbe_.isObserved()) center.postNotification(kName, self, {{"chunk", bytes}});
+//   if (chunkProbe_.isObserved())
+//       chunkProbe_.post(Notification{chunkProbe_.name(), self, {{"chunk", bytes}}});
+//
+// Delivery is as postNotification's; a probe must outlive its posts.
 class ObserverProbe {
 public:
-    explicit ObserverProbe(std::string_view name, NotificationCenter& center = NotificationCenter::defaultCenter())
-        : name_(name), center_(&center) {}
+    explicit ObserverProbe(std::string_view name, NotificationCenter& center = NotificationCenter::defaultCenter());
+    ~ObserverProbe();
+    ObserverProbe(const ObserverProbe&) = delete;
+    ObserverProbe& operator=(const ObserverProbe&) = delete;
+
     bool isObserved() {
         const std::uint64_t revision = center_->registrationRevision();
-        if (revision != revision_) {
-            observed_ = center_->observerCount(name_) > 0;
-            revision_ = revision;
-        }
-        return observed_;
+        if (revision != revision_) refresh(revision);
+        return registrations_ != nullptr;
     }
     std::string_view name() const noexcept { return name_; }
+    // To the registrations isObserved() last found; it must have answered
+    // true. The notification's name is not looked at.
+    void post(const Notification& notification);
 
 private:
+    void refresh(std::uint64_t revision);
+
     std::string_view name_;  // a constant's text, never a temporary
     NotificationCenter* center_;
     std::uint64_t revision_ = ~std::uint64_t{0};
-    bool observed_ = false;
+    std::shared_ptr<const NotificationCenter::Registrations> registrations_;  // null when there are none
+    // Lists replaced while a post from this probe was delivering from them,
+    // kept until it ends: a callback may change the registrations and post
+    // again through the same probe.
+    std::vector<std::shared_ptr<const NotificationCenter::Registrations>> retired_;
+    unsigned delivering_ = 0;
 };
 
 }  // namespace wireloom

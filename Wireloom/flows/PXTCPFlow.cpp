@@ -57,13 +57,12 @@ bool PXTCPFlow::handlePacket(const PXTCPPacket& packet, PXTCPBuffer* buffer, std
             // would add its size to each of a table's idle flows.
             static thread_local ObserverProbe chunkProbe(kPXTCPFlowStreamChunkNotificationName);
             if (chunkProbe.isObserved()) {
-                // Emplaced: a braced list would be copied into the map, the
-                // identifier's text with it.
-                UserInfo info;
-                info.emplace("chunk", std::move(*chunk));
-                info.emplace("identifier", fromZero ? endpoint0() : endpoint1());
-                NotificationCenter::defaultCenter().postNotification(kPXTCPFlowStreamChunkNotificationName,
-                                                                     shared_from_this(), std::move(info));
+                // Emplaced: a braced list would be copied into the user
+                // info, the chunk's reference and the identifier's text with it.
+                Notification notification{chunkProbe.name(), shared_from_this(), {}};
+                notification.userInfo.emplace("chunk", std::move(*chunk));
+                notification.userInfo.emplace("identifier", fromZero ? endpoint0() : endpoint1());
+                chunkProbe.post(notification);
             }
         } else if (missing) {
             if (error) *error = kMissingBytes;

@@ -30,7 +30,8 @@ void PXTCPFlowTable::invalidate() {
 void PXTCPFlowTable::observePacketNotification(const Notification& notification) {
     auto found = notification.userInfo.find("packet");
     if (found == notification.userInfo.end()) return;
-    if (auto tcp = found->second.object<PXTCPPacket>()) observeTCPPacket(*tcp);
+    // The notification holds the packet while it is observed.
+    if (const auto* tcp = found->second.borrowedObject<PXTCPPacket>()) observeTCPPacket(*tcp);
 }
 
 void PXTCPFlowTable::observeTCPPacket(const PXTCPPacket& packet) {

@@ -32,9 +32,10 @@ void PXUDPFlow::processPacket(const PXPacketPtr& packet, bool sourceIsZero, std:
     // One answer per thread serves every flow, as for TCP flows' chunks.
     static thread_local ObserverProbe packetProbe(kPXUDPFlowPacketNotificationName);
     if (packetProbe.isObserved()) {
-        NotificationCenter::defaultCenter().postNotification(
-            kPXUDPFlowPacketNotificationName, shared_from_this(),
-            {{"packet", packet}, {"identifier", sourceIsZero ? endpoint0() : endpoint1()}});
+        Notification notification{packetProbe.name(), shared_from_this(), {}};
+        notification.userInfo.emplace("packet", packet);
+        notification.userInfo.emplace("identifier", sourceIsZero ? endpoint0() : endpoint1());
+        packetProbe.post(notification);
     }
 }
 

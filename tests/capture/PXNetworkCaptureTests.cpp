@@ -75,7 +75,7 @@ struct Recorder {
             NotificationCenter::defaultCenter().addObserver(
                 this, name,
                 [this](const Notification& n) {
-                    names.push_back(n.name);
+                    names.emplace_back(n.name);
                     packets.push_back(n.userInfo.at("packet").object<PXPacket>());
                 },
                 capture.get());

@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+#include <string>
+
 using namespace wireloom;
 
 namespace {
@@ -43,6 +46,35 @@ TEST(Value, HoldsEachKindAndAnswersNothingForOthers) {
     EXPECT_DOUBLE_EQ(*info.at("ratio").number(), 0.5);
     EXPECT_TRUE(info.at("none").isNull());
     EXPECT_FALSE(info.at("none").object());
+}
+
+TEST(UserInfo, BehavesAsASortedMapAcrossItsInlineRoom) {
+    UserInfo info{{"b", 2}, {"a", 1}, {"b", 3}};  // the first "b" stays
+    auto keys = [](const UserInfo& i) {
+        std::string text;
+        for (const auto& [key, value] : i) text += key + "=" + std::to_string(*value.integer()) + " ";
+        return text;
+    };
+    EXPECT_EQ(keys(info), "a=1 b=2 ");
+    EXPECT_FALSE(info.emplace("a", 9).second);
+    info["d"] = 4;  // past the inline room
+    info.emplace("c", 3);
+    EXPECT_EQ(keys(info), "a=1 b=2 c=3 d=4 ");
+    EXPECT_EQ(info.erase("b"), 1u);
+    EXPECT_EQ(info.erase("b"), 0u);
+    UserInfo copy = info;
+    UserInfo moved = std::move(info);
+    EXPECT_TRUE(info.empty());  // as a moved-from map is
+    EXPECT_EQ(keys(copy), "a=1 c=3 d=4 ");
+    EXPECT_EQ(keys(moved), keys(copy));
+    EXPECT_THROW(moved.at("b"), std::out_of_range);
+
+    UserInfo small{{"z", 26}};
+    small.emplace("y", 25);  // before the one held, within the inline room
+    UserInfo taken;
+    taken = std::move(small);
+    EXPECT_EQ(keys(taken), "y=25 z=26 ");
+    EXPECT_EQ(taken.find("x"), taken.end());
 }
 
 TEST(Object, GenericDescriptionNamesTheClassAndAddress) {

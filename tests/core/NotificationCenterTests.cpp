@@ -18,7 +18,8 @@ protected:
     void observe(const void* observer, const std::string& name, const std::string& tag,
                  const Object* sender = nullptr) {
         center.addObserver(
-            observer, name, [this, tag](const Notification& n) { calls.push_back(tag + ":" + n.name); }, sender);
+            observer, name, [this, tag](const Notification& n) { calls.push_back(tag + ":" + std::string(n.name)); },
+            sender);
     }
 
     NotificationCenter center;
@@ -81,6 +82,35 @@ TEST_F(NotificationCenterTest, ChangesDuringDeliveryApplyAtOnce) {
     EXPECT_EQ(calls, (std::vector<std::string>{"a"}));
     center.postNotification("Tick", nullptr);
     EXPECT_EQ(calls, (std::vector<std::string>{"a", "b:Tick"}));
+}
+
+TEST_F(NotificationCenterTest, ProbePostsFollowRegistrationChanges) {
+    ObserverProbe probe("Tick", center);
+    EXPECT_FALSE(probe.isObserved());
+    auto sender = std::make_shared<Sender>();
+    auto post = [&] {
+        if (probe.isObserved()) probe.post(Notification{probe.name(), sender, {}});
+    };
+    // a replaces c by b and posts again through the same probe: the inner
+    // post must see b and not c, and the outer one must go on safely from
+    // the list it started with, which no longer belongs to the center.
+    center.addObserver(&a, "Tick", [&](const Notification& n) {
+        calls.push_back("a:" + std::string(n.name));
+        center.removeObserver(&a);
+        center.removeObserver(&c);
+        observe(&b, "Tick", "b");
+        post();
+    });
+    observe(&c, "Tick", "c");
+    const Sender other;
+    observe(&b, "Tick", "other-sender", &other);
+    post();
+    EXPECT_EQ(calls, (std::vector<std::string>{"a:Tick", "b:Tick"}));
+
+    center.removeObserver(&b);
+    EXPECT_FALSE(probe.isObserved());
+    post();
+    EXPECT_EQ(calls.size(), 2u);
 }
 
 TEST_F(NotificationCenterTest, PostsRaceSafelyWithRegistration) {

@@ -44,7 +44,7 @@ protected:
     void listen(std::initializer_list<const char*> names) {
         for (const char* name : names)
             NotificationCenter::defaultCenter().addObserver(this, name, [this](const Notification& n) {
-                heard.push_back({n.name, n.sender, n.userInfo, now()});
+                heard.push_back({std::string(n.name), n.sender, n.userInfo, now()});
             });
     }
     std::vector<Heard> named(std::string_view name) const {
