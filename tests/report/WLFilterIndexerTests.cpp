@@ -207,16 +207,29 @@ TEST_F(FilterIndexer, AgreesWithAPlainSearchPerRecord) {
     const auto letter = [&] { return alphabet[random() % alphabet.size()]; };
     std::vector<Record> records;
     std::size_t total = 0;
+    bool edgePlaced = false;
     while (total < WLFilterIndexer::kReadBufferSize + 200000) {
         Record record;
-        // Long records around the 2 MiB edge, so that words can cross it.
-        const bool nearEdge =
-            total + 1000 > WLFilterIndexer::kReadBufferSize && total < WLFilterIndexer::kReadBufferSize;
-        const std::size_t length = nearEdge ? 1500 : 1 + random() % (random() % 8 == 0 ? 2000 : 120);
+        // One record reaching 500 bytes over the 2 MiB edge, so that words
+        // can cross it. No record advances more than 2,040 bytes, so one
+        // starts within this window.
+        const std::size_t edgeAt = WLFilterIndexer::kReadBufferSize;
+        const bool nearEdge = !edgePlaced && total + 2200 > edgeAt && total + 100 < edgeAt;
+        edgePlaced = edgePlaced || nearEdge;
+        // One draw per statement: the order of two in one expression is up
+        // to the compiler, and the records must not change with the build.
+        const bool longRecord = random() % 8 == 0;
+        const std::size_t length = nearEdge ? edgeAt - total + 500 : 1 + random() % (longRecord ? 2000 : 120);
         for (std::size_t i = 0; i < length; ++i) record.text.push_back(letter());
-        record.index = random() % 3 == 0 ? static_cast<std::uint32_t>(records.size())
-                                         : 0x61616161u + (random() % 4) * 0x01010101u + (random() % 4 << 8);
-        total += length + 20;
+        if (random() % 3 == 0) {
+            record.index = static_cast<std::uint32_t>(records.size());
+        } else {
+            const std::uint32_t all = random() % 4;
+            record.index = 0x61616161u + all * 0x01010101u + (random() % 4 << 8);
+        }
+        // Where the next record starts: the index field sits at the first
+        // multiple of 16 after the text and at least one zero byte.
+        total = (total + length + 1 + 15) / 16 * 16 + 4;
         records.push_back(std::move(record));
     }
     for (const Record& record : records) indexer->writeFilterText(record.text, record.index);
