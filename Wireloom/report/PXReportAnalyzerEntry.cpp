@@ -144,7 +144,8 @@ struct HexDumpLineText {
     // The whole plain line, with its indent and line feed; returns its end.
     static char* write(char* out, std::string_view indent, const std::uint8_t* bytes, std::size_t count,
                        std::size_t offset) {
-        std::memcpy(out, indent.data(), indent.size());
+        // An empty indent may have no data at all, which memcpy must not see.
+        if (!indent.empty()) std::memcpy(out, indent.data(), indent.size());
         out += indent.size();
         out += writeOffset(out, offset);
         writeGroups(out, bytes, count);
