@@ -76,8 +76,11 @@ public:
         if (!p || !*p) return nullptr;
         if constexpr (std::is_same_v<T, Object>)
             return p->get();
-        else
-            return typeid(**p) == typeid(T) ? static_cast<T*>(p->get()) : dynamic_cast<T*>(p->get());
+        else {
+            // Named first: typeid of a call's result reads to clang as a side effect.
+            const Object& object = **p;
+            return typeid(object) == typeid(T) ? static_cast<T*>(p->get()) : dynamic_cast<T*>(p->get());
+        }
     }
 
 private:
