@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <limits>
 
 namespace wireloom {
 
@@ -17,7 +19,20 @@ double PXTime::currentTime() const {
 
 void PXTime::updateCurrentTime(double time) {
     storedTime_.store(time, std::memory_order_release);
+    // A NaN is not below anything, so it walks as it always did.
+    if (time < quietUntil_.load(std::memory_order_acquire)) return;
     std::lock_guard lock(timersLock_);
+    // Targets may update the clock themselves, and a timer that fires takes
+    // this time as its last, earlier than before when the clock went back:
+    // no update may trust the bound until the outermost walk has ended.
+    quietUntil_.store(-std::numeric_limits<double>::infinity(), std::memory_order_release);
+    struct Walk {
+        PXTime& clock;
+        explicit Walk(PXTime& c) : clock(c) { ++clock.walks_; }
+        ~Walk() {
+            if (--clock.walks_ == 0) clock.recomputeQuietUntil();
+        }
+    } walk(*this);
     // By index, with the size read afresh each turn: targets may append
     // timers (examined in this same walk) or invalidate them.
     for (std::size_t index = 0; index < timers_.size();) {
@@ -42,6 +57,33 @@ void PXTime::updateCurrentTime(double time) {
         spent.swap(timer->target_);
         if (auto it = std::find(timers_.begin(), timers_.end(), timer); it != timers_.end()) timers_.erase(it);
     }
+}
+
+double PXTime::firstDueTime(double lastFireTime, double interval) noexcept {
+    constexpr double kInfinity = std::numeric_limits<double>::infinity();
+    const auto due = [&](double time) { return time - lastFireTime > interval; };
+    double time = lastFireTime + interval;
+    if (!std::isfinite(time)) return -kInfinity;
+    // The difference rounds monotonically in the time, so the first due time
+    // is a few steps from the sum at most; the step count caps what is not
+    // understood, at the cost of walking every time.
+    for (int steps = 0; steps < 64; ++steps) {
+        if (due(time)) {
+            const double earlier = std::nextafter(time, -kInfinity);
+            if (!due(earlier)) return time;
+            time = earlier;
+        } else {
+            time = std::nextafter(time, kInfinity);
+        }
+    }
+    return -kInfinity;
+}
+
+void PXTime::recomputeQuietUntil() {
+    double quiet = std::numeric_limits<double>::infinity();
+    for (const PXTimerPtr& timer : timers_)
+        quiet = std::min(quiet, firstDueTime(timer->lastFireTime_, timer->interval_));
+    quietUntil_.store(quiet, std::memory_order_release);
 }
 
 void PXTime::driveTimeUsingRealTimeWithTick(double tick) {
@@ -74,6 +116,8 @@ PXTimerPtr PXTime::scheduledTimerWithTimeInterval(double interval, PXTimer::Targ
                                  std::move(target), repeats));
     std::lock_guard lock(timersLock_);
     timers_.push_back(timer);
+    const double due = firstDueTime(timer->lastFireTime_, timer->interval_);
+    if (due < quietUntil_.load(std::memory_order_relaxed)) quietUntil_.store(due, std::memory_order_release);
     return timer;
 }
 

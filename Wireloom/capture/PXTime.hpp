@@ -27,6 +27,7 @@
 #include <Wireloom/core/RunLoop.hpp>
 
 #include <atomic>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -65,13 +66,24 @@ private:
         return clock ? std::unique_lock(clock->timersLock_) : std::unique_lock<std::recursive_mutex>();
     }
 
+    // A time before which no scheduled timer can be due: an update earlier
+    // than it stores the time and is done, without the lock a replay would
+    // otherwise take for every record. Lowered when a timer is scheduled,
+    // held at minus infinity while a walk may move firing times, and worked
+    // out afresh once the outermost walk ends. It may lag below the truth
+    // (an invalidated timer leaves it), never above.
+    void recomputeQuietUntil();
+    static double firstDueTime(double lastFireTime, double interval) noexcept;
+
     std::atomic<double> storedTime_{0};
+    std::atomic<double> quietUntil_{std::numeric_limits<double>::infinity()};
     std::atomic<bool> driven_{false};
     // Recursive because targets run under it and may invalidate or schedule
     // timers on this clock. Guards timers_, realTimeDriver_ and every timer's
     // target and last firing.
     mutable std::recursive_mutex timersLock_;
     std::vector<PXTimerPtr> timers_;
+    int walks_ = 0;  // updates walking the timers, nested ones included
     std::shared_ptr<RunLoop::Timer> realTimeDriver_;
 };
 

@@ -25,6 +25,7 @@ std::string Value::description() const {
         }
         std::string operator()(const IndexSet& v) const { return v.description(); }
         std::string operator()(const ObjectPtr& v) const { return v ? v->description() : "(null)"; }
+        std::string operator()(const SharedString& v) const { return *v; }
     };
     return std::visit(Describe{}, v_);
 }

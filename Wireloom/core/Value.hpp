@@ -38,6 +38,13 @@ public:
     Value(double v) : v_(v) {}
     Value(std::string v) : v_(std::move(v)) {}
     Value(const char* v) : v_(std::string(v)) {}
+    // A string that stays shared rather than copied: a flow posts its
+    // endpoint's text with every chunk, and a copy would allocate each time
+    // that text outgrows the string's inline room. string() answers it like
+    // any other string; a null one is held as nothing.
+    Value(std::shared_ptr<const std::string> v) {
+        if (v) v_ = std::move(v);
+    }
     Value(ByteBuffer v) : v_(std::move(v)) {}
     Value(IndexSet v) : v_(std::move(v)) {}
     template <class T>
@@ -54,7 +61,10 @@ public:
     const bool* boolean() const noexcept { return std::get_if<bool>(&v_); }
     const std::int64_t* integer() const noexcept { return std::get_if<std::int64_t>(&v_); }
     const double* number() const noexcept { return std::get_if<double>(&v_); }
-    const std::string* string() const noexcept { return std::get_if<std::string>(&v_); }
+    const std::string* string() const noexcept {
+        if (const auto* shared = std::get_if<SharedString>(&v_)) return shared->get();
+        return std::get_if<std::string>(&v_);
+    }
     const ByteBuffer* bytes() const noexcept { return std::get_if<ByteBuffer>(&v_); }
     const IndexSet* indexSet() const noexcept { return std::get_if<IndexSet>(&v_); }
     template <class T = Object>
@@ -84,7 +94,9 @@ public:
     }
 
 private:
-    std::variant<std::monostate, bool, std::int64_t, double, std::string, ByteBuffer, IndexSet, ObjectPtr> v_;
+    using SharedString = std::shared_ptr<const std::string>;
+    std::variant<std::monostate, bool, std::int64_t, double, std::string, ByteBuffer, IndexSet, ObjectPtr, SharedString>
+        v_;
 };
 
 // Named values, looked up by name and visited in name order like a sorted

@@ -58,10 +58,11 @@ bool PXTCPFlow::handlePacket(const PXTCPPacket& packet, PXTCPBuffer* buffer, std
             static thread_local ObserverProbe chunkProbe(kPXTCPFlowStreamChunkNotificationName);
             if (chunkProbe.isObserved()) {
                 // Emplaced: a braced list would be copied into the user
-                // info, the chunk's reference and the identifier's text with it.
+                // info, the chunk's reference with it. The identifier is the
+                // flow's own text, shared.
                 Notification notification{chunkProbe.name(), shared_from_this(), {}};
                 notification.userInfo.emplace("chunk", std::move(*chunk));
-                notification.userInfo.emplace("identifier", fromZero ? endpoint0() : endpoint1());
+                notification.userInfo.emplace("identifier", fromZero ? sharedEndpoint0() : sharedEndpoint1());
                 chunkProbe.post(notification);
             }
         } else if (missing) {

@@ -34,7 +34,7 @@ void PXUDPFlow::processPacket(const PXPacketPtr& packet, bool sourceIsZero, std:
     if (packetProbe.isObserved()) {
         Notification notification{packetProbe.name(), shared_from_this(), {}};
         notification.userInfo.emplace("packet", packet);
-        notification.userInfo.emplace("identifier", sourceIsZero ? endpoint0() : endpoint1());
+        notification.userInfo.emplace("identifier", sourceIsZero ? sharedEndpoint0() : sharedEndpoint1());
         packetProbe.post(notification);
     }
 }

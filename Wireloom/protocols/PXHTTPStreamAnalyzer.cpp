@@ -72,7 +72,8 @@ void PXHTTPStreamAnalyzer::processTCPStreamChunkNotification(const Notification&
     const ByteBuffer* chunk = chunkValue->second.bytes();
     const std::string* identifier = identifierValue->second.string();
     if (!chunk || !identifier) return;
-    const bool fromZero = *identifier == flow_->endpoint0();
+    // The flow posts its own text, so the address alone nearly always tells.
+    const bool fromZero = identifier == &flow_->endpoint0() || *identifier == flow_->endpoint0();
     MutableByteBuffer& pending = fromZero ? endpoint0Outgoing_ : endpoint1Outgoing_;
     HTTPFrameProgress& progress = fromZero ? endpoint0Progress_ : endpoint1Progress_;
     pending.append(*chunk);

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
+#include <utility>
 
 using namespace wireloom;
 using namespace std::chrono_literals;
@@ -34,6 +36,36 @@ TEST_F(PXTimeTest, FiresOnlyWhenStrictlyMoreThanTheIntervalHasPassed) {
     clock->updateCurrentTime(110.1);
     clock->updateCurrentTime(110.2);
     EXPECT_EQ(fired, "ror");
+}
+
+// Updates that find no timer due skip the walk; the skip must agree with
+// the walk's own test to the last bit, however the sum rounds.
+TEST(PXTimeBoundary, FirstUpdateToFireIsExactlyTheFirstDueOne) {
+    const std::pair<double, double> cases[] = {{0.7, 0.1}, {1.7e9 + 0.3, 5}, {1e-300, 1e-310}, {1e16, 0.5}, {-3, 0.1}};
+    for (auto [last, interval] : cases) {
+        auto clock = std::make_shared<PXTime>();
+        clock->updateCurrentTime(last);
+        bool fired = false;
+        clock->scheduledTimerWithTimeInterval(
+            interval, [&] { fired = true; }, false);
+        double time = last + interval;
+        for (int i = 0; i < 4; ++i) time = std::nextafter(time, -INFINITY);
+        for (int i = 0; i < 9 && !fired; ++i, time = std::nextafter(time, INFINITY)) {
+            clock->updateCurrentTime(time);
+            EXPECT_EQ(fired, time - last > interval) << last << " + " << interval << " at " << time;
+        }
+        EXPECT_TRUE(fired) << last << " + " << interval;
+    }
+}
+
+TEST_F(PXTimeTest, ClockGoingBackFiresANegativeIntervalAgainstItsNewLastFiring) {
+    clock->updateCurrentTime(100);
+    auto timer = schedule(-10, "t");
+    clock->updateCurrentTime(95);  // -5 > -10
+    clock->updateCurrentTime(86);  // against 95, not 100: -9 > -10
+    EXPECT_EQ(fired, "tt");
+    clock->updateCurrentTime(75);
+    EXPECT_EQ(fired, "tt");
 }
 
 TEST_F(PXTimeTest, JumpOfTenIntervalsFiresEachDueTimerOnce) {

@@ -48,6 +48,20 @@ TEST(Value, HoldsEachKindAndAnswersNothingForOthers) {
     EXPECT_FALSE(info.at("none").object());
 }
 
+TEST(Value, SharedStringIsReadInPlaceAndOutlivesItsOwner) {
+    auto text = std::make_shared<const std::string>("192.168.100.200:65535");  // past the inline room
+    UserInfo info;
+    info.emplace("identifier", text);
+    info.emplace("none", std::shared_ptr<const std::string>());
+    UserInfo copy = info;
+    EXPECT_EQ(copy.at("identifier").string(), text.get());
+    EXPECT_EQ(copy.at("identifier").description(), "192.168.100.200:65535");
+    EXPECT_FALSE(copy.at("identifier").bytes());
+    EXPECT_TRUE(copy.at("none").isNull());
+    text.reset();
+    EXPECT_EQ(*info.at("identifier").string(), "192.168.100.200:65535");
+}
+
 TEST(UserInfo, BehavesAsASortedMapAcrossItsInlineRoom) {
     UserInfo info{{"b", 2}, {"a", 1}, {"b", 3}};  // the first "b" stays
     auto keys = [](const UserInfo& i) {
