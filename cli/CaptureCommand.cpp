@@ -3,9 +3,10 @@
 // wireloom devices
 #include "Commands.hpp"
 #include "FlowReport.hpp"
-#include "HttpReport.hpp"
 #include "FramePrinter.hpp"
+#include "HttpReport.hpp"
 #include "MdnsReport.hpp"
+#include "ReplayPrinters.hpp"
 #include "SourceFilter.hpp"
 
 #include <Wireloom/Wireloom.hpp>
@@ -119,11 +120,12 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
     const PXNetworkCapture::Ptr capture = PXNetworkCapture::captureWithDevice(device);
     capture->setCaptureFilter(options->filter);
     const bool color = colorFor(options->color, out);
-    FramePrinter printer(out, options->format, color);
-    MdnsPrinter mdnsPrinter(out, options->format, color);
-    FlowPrinter flowPrinter(out, options->format, color);
-    const auto httpPrinter = std::make_shared<HttpPrinter>(out, options->format, color);
-    const auto filter = filterPrinters(options->words, printer, mdnsPrinter, flowPrinter, *httpPrinter);
+    ReplayPrinters printers(out, options->format, color);
+    FramePrinter& printer = printers.frames;
+    MdnsPrinter& mdnsPrinter = printers.mdns;
+    FlowPrinter& flowPrinter = printers.flows;
+    const std::shared_ptr<HttpPrinter>& httpPrinter = printers.http;
+    const auto filter = filterPrinters(options->words, printers);
     if (options->flows || options->http) {
         const PXTCPFlowTable::Ptr tcpTable = PXTCPFlowTable::initWithCapture(capture);
         if (options->flows) flowPrinter.attach(capture, tcpTable);

@@ -4,10 +4,7 @@
 // The file goes through the same pipeline as a live capture: a capture
 // without a device announces each record, its clock set to the record's time.
 #include "Commands.hpp"
-#include "FlowReport.hpp"
-#include "HttpReport.hpp"
-#include "FramePrinter.hpp"
-#include "MdnsReport.hpp"
+#include "ReplayPrinters.hpp"
 #include "SourceFilter.hpp"
 
 #include <Wireloom/Wireloom.hpp>
@@ -106,40 +103,15 @@ int readCommand(const std::vector<std::string>& args, std::FILE* out, std::FILE*
     std::string error;
 
     const bool color = colorFor(options->color, out);
-    FramePrinter printer(out, options->format, color);
-    MdnsPrinter mdnsPrinter(out, options->format, color);
-    FlowPrinter flowPrinter(out, options->format, color);
-    const PXNetworkCapture::Ptr capture = PXNetworkCapture::captureWithNullDevice();
-    NotificationCenter& center = NotificationCenter::defaultCenter();
-    const auto httpPrinter = std::make_shared<HttpPrinter>(out, options->format, color);
-    const auto filter = filterPrinters(options->words, printer, mdnsPrinter, flowPrinter, *httpPrinter);
-    if (options->flows || options->http) {
-        const PXTCPFlowTable::Ptr tcpTable = PXTCPFlowTable::initWithCapture(capture);
-        if (options->flows) flowPrinter.attach(capture, tcpTable);
-        if (options->http) httpPrinter->attach(capture, tcpTable);
-    } else {
-        center.addObserver(
-            &printer, kPXNetworkCapturePacketNotificationName,
-            [&](const Notification& notification) {
-                auto packet = notification.userInfo.at("packet").object<PXPacket>();
-                if (!packet) return;
-                if (options->mdns)
-                    mdnsPrinter.print(*packet);
-                else
-                    printer.print(*packet);
-            },
-            capture.get());
-    }
+    ReplayPrinters printers(out, options->format, color);
+    const auto filter = filterPrinters(options->words, printers);
     ProgressBar progress(options->path, err);
-    const bool complete =
-        capture->replayCaptureFile(*file, &error, [&](std::uint64_t, std::uint64_t bytes) { progress.show(bytes); });
-    center.removeObserver(&printer);
-    if (options->flows) flowPrinter.finish();
-    if (options->http) httpPrinter->finish();
+    const bool complete = printers.replay(*file, options->flows, options->http, options->mdns, &error,
+                                          [&](std::uint64_t, std::uint64_t bytes) { progress.show(bytes); });
     if (options->mdns)
-        mdnsPrinter.finish();
+        printers.mdns.finish();
     else if (!options->flows && !options->http)
-        printer.finish();
+        printers.frames.finish();
     if (!complete) {
         std::fprintf(err, "wireloom: %s: %s\n", options->path.c_str(), error.c_str());
         return kExitFailure;

@@ -5,10 +5,7 @@
 // indexed once; then each set of words, from the command line or one line
 // at a time from standard input, shows the sources it lets through.
 #include "Commands.hpp"
-#include "FlowReport.hpp"
-#include "FramePrinter.hpp"
-#include "HttpReport.hpp"
-#include "MdnsReport.hpp"
+#include "ReplayPrinters.hpp"
 #include "SourceFilter.hpp"
 
 #include <Wireloom/Wireloom.hpp>
@@ -91,41 +88,11 @@ int searchCommand(const std::vector<std::string>& args, std::FILE* out, std::FIL
     if (!file) return kExitFailure;
 
     const bool color = colorFor(options->color, out);
-    FramePrinter printer(out, options->format, color);
-    MdnsPrinter mdnsPrinter(out, options->format, color);
-    FlowPrinter flowPrinter(out, options->format, color);
-    const auto httpPrinter = std::make_shared<HttpPrinter>(out, options->format, color);
+    ReplayPrinters printers(out, options->format, color);
     const std::unique_ptr<SourceFilter> filter = SourceFilter::search(file->linkLayerType());
-    printer.setFilter(filter.get());
-    mdnsPrinter.setFilter(filter.get());
-    flowPrinter.setFilter(filter.get());
-    httpPrinter->setFilter(filter.get());
-
-    const PXNetworkCapture::Ptr capture = PXNetworkCapture::captureWithNullDevice();
-    NotificationCenter& center = NotificationCenter::defaultCenter();
-    const bool frames = !options->flows && !options->http;
-    if (frames) {
-        center.addObserver(
-            &printer, kPXNetworkCapturePacketNotificationName,
-            [&](const Notification& notification) {
-                auto packet = notification.userInfo.at("packet").object<PXPacket>();
-                if (packet && options->mdns)
-                    mdnsPrinter.print(*packet);
-                else if (packet)
-                    printer.print(*packet);
-            },
-            capture.get());
-    } else {
-        const PXTCPFlowTable::Ptr tcpTable = PXTCPFlowTable::initWithCapture(capture);
-        if (options->flows) flowPrinter.attach(capture, tcpTable);
-        if (options->http) httpPrinter->attach(capture, tcpTable);
-    }
+    printers.setFilter(filter.get());
     std::string error;
-    const bool complete = capture->replayCaptureFile(*file, &error);
-    center.removeObserver(&printer);
-    // Ends the flows still open, which offers them too.
-    if (options->flows) flowPrinter.finish();
-    if (options->http) httpPrinter->finish();
+    const bool complete = printers.replay(*file, options->flows, options->http, options->mdns, &error);
     if (!complete) std::fprintf(err, "wireloom: %s: %s\n", options->path.c_str(), error.c_str());
     filter->indexOffered();
 

@@ -3,6 +3,7 @@
 #include "FlowReport.hpp"
 #include "HttpReport.hpp"
 #include "MdnsReport.hpp"
+#include "ReplayPrinters.hpp"
 
 #include <pcap/pcap.h>
 #include <algorithm>
@@ -178,13 +179,9 @@ void SourceFilter::flush() {
     for (const auto& write : flushes_) write();
 }
 
-std::unique_ptr<SourceFilter> filterPrinters(const FilterWords& words, FramePrinter& frames, MdnsPrinter& mdns,
-                                             FlowPrinter& flows, HttpPrinter& http) {
+std::unique_ptr<SourceFilter> filterPrinters(const FilterWords& words, ReplayPrinters& printers) {
     std::unique_ptr<SourceFilter> filter = SourceFilter::live(words);
-    frames.setFilter(filter.get());
-    mdns.setFilter(filter.get());
-    flows.setFilter(filter.get());
-    http.setFilter(filter.get());
+    printers.setFilter(filter.get());
     return filter;
 }
 

@@ -124,13 +124,10 @@ private:
     std::uint64_t shown_ = 0;
 };
 
-class FlowPrinter;
-class HttpPrinter;
-class MdnsPrinter;
+struct ReplayPrinters;
 
 // A live filter for the words, set on each printer; null, and the printers
 // left printing everything, when there are no words.
-std::unique_ptr<SourceFilter> filterPrinters(const FilterWords& words, FramePrinter& frames, MdnsPrinter& mdns,
-                                             FlowPrinter& flows, HttpPrinter& http);
+std::unique_ptr<SourceFilter> filterPrinters(const FilterWords& words, ReplayPrinters& printers);
 
 }  // namespace wireloom::cli
