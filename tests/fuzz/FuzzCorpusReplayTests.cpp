@@ -40,37 +40,16 @@ std::size_t replayAll(const std::filesystem::path& directory, FuzzTarget target)
 
 }  // namespace
 
-TEST(FuzzCorpus, PacketDecodeInputsReplayCleanly) {
-    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "packet_decode", wireloomFuzz_packet_decode), 0u);
-    replayAll(fuzzDirectory() / "regressions" / "packet_decode", wireloomFuzz_packet_decode);
-}
-
-TEST(FuzzCorpus, TcpBufferInputsReplayCleanly) {
-    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "tcp_buffer", wireloomFuzz_tcp_buffer), 0u);
-    replayAll(fuzzDirectory() / "regressions" / "tcp_buffer", wireloomFuzz_tcp_buffer);
-}
-
-TEST(FuzzCorpus, HelperRequestInputsReplayCleanly) {
-    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "helper_request", wireloomFuzz_helper_request), 0u);
-    replayAll(fuzzDirectory() / "regressions" / "helper_request", wireloomFuzz_helper_request);
-}
-
-TEST(FuzzCorpus, FlowTableInputsReplayCleanly) {
-    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "flow_table", wireloomFuzz_flow_table), 0u);
-    replayAll(fuzzDirectory() / "regressions" / "flow_table", wireloomFuzz_flow_table);
-}
-
-TEST(FuzzCorpus, HttpAnalyzerInputsReplayCleanly) {
-    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "http_analyzer", wireloomFuzz_http_analyzer), 0u);
-    replayAll(fuzzDirectory() / "regressions" / "http_analyzer", wireloomFuzz_http_analyzer);
-}
-
-TEST(FuzzCorpus, MdnsDecodeInputsReplayCleanly) {
-    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "mdns_decode", wireloomFuzz_mdns_decode), 0u);
-    replayAll(fuzzDirectory() / "regressions" / "mdns_decode", wireloomFuzz_mdns_decode);
-}
-
-TEST(FuzzCorpus, FilterIndexInputsReplayCleanly) {
-    EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / "filter_index", wireloomFuzz_filter_index), 0u);
-    replayAll(fuzzDirectory() / "regressions" / "filter_index", wireloomFuzz_filter_index);
+TEST(FuzzCorpus, EveryTargetReplaysItsInputsCleanly) {
+    const struct {
+        const char* name;
+        FuzzTarget target;
+    } targets[] = {{"packet_decode", wireloomFuzz_packet_decode},   {"tcp_buffer", wireloomFuzz_tcp_buffer},
+                   {"helper_request", wireloomFuzz_helper_request}, {"flow_table", wireloomFuzz_flow_table},
+                   {"http_analyzer", wireloomFuzz_http_analyzer},   {"mdns_decode", wireloomFuzz_mdns_decode},
+                   {"filter_index", wireloomFuzz_filter_index}};
+    for (const auto& [name, target] : targets) {
+        EXPECT_GT(replayAll(fuzzDirectory() / "corpus" / name, target), 0u) << name;
+        replayAll(fuzzDirectory() / "regressions" / name, target);
+    }
 }
