@@ -6,9 +6,9 @@
 #include "ReplayPrinters.hpp"
 
 #include <pcap/pcap.h>
-#include <algorithm>
 
-#include <cmath>
+#include <algorithm>
+#include <cstring>
 
 namespace wireloom::cli {
 
@@ -93,25 +93,18 @@ std::shared_ptr<ShownSource> frameSource(FrameProvider innermost, std::uint64_t 
 FrameProvider SourceFilter::keep(const PXPacket& innermost) const {
     auto packet = std::static_pointer_cast<const PXPacket>(innermost.shared_from_this());
     if (mode_ == Mode::Live) return [packet] { return packet; };
-    // Decoded layers take a block of 4 KiB a frame; the record takes its
-    // own length.
-    const PXPacket* root = packet.get();
-    while (root->encapsulatingPacket()) root = root->encapsulatingPacket().get();
-    pcap_pkthdr header{};
-    const auto microseconds = static_cast<std::int64_t>(std::llround(root->timestamp() * 1e6));
-    header.ts.tv_sec = static_cast<time_t>(microseconds / 1000000);
-    header.ts.tv_usec = static_cast<suseconds_t>(microseconds % 1000000);
-    header.caplen = static_cast<bpf_u_int32>(root->rawData().size());
-    header.len = root->lengthOnWire();
-    struct Record {
-        pcap_pkthdr header;
-        ByteBuffer bytes;
-        int linkLayerType;
-    };
-    auto record = std::make_shared<const Record>(
-        Record{header, ByteBuffer::copy(root->rawData().data(), header.caplen), linkLayerType_});
-    return [record]() -> std::shared_ptr<const PXPacket> {
-        return PXPacket::packetWithHeader(record->header, record->bytes.data(), record->linkLayerType);
+    // Decoded layers take a block of 4 KiB a frame; the frame's pcap record
+    // takes its own length.
+    const ByteBuffer record = packet->rootPacket()->pcapFileEntry();
+    return [record, linkLayerType = linkLayerType_]() -> std::shared_ptr<const PXPacket> {
+        std::uint32_t fields[4];  // seconds, microseconds, captured and wire length, in host order
+        std::memcpy(fields, record.data(), sizeof fields);
+        pcap_pkthdr header{};
+        header.ts.tv_sec = static_cast<time_t>(fields[0]);
+        header.ts.tv_usec = static_cast<suseconds_t>(fields[1]);
+        header.caplen = fields[2];
+        header.len = fields[3];
+        return PXPacket::packetWithHeader(header, record.data() + sizeof fields, linkLayerType);
     };
 }
 
