@@ -88,7 +88,7 @@ TEST(PacketChain, DescriptionsKeepTheirFormats) {
     EXPECT_EQ(packet->rootPacket()->name(), "Generic Packet");
 }
 
-TEST(PacketChain, InnermostPacketKeepsTheWholeFrameAlive) {
+TEST(PacketChain, InnerLayersKeepOuterOnesAliveNotTheReverse) {
     std::weak_ptr<PXPacket> root, ethernetLayer;
     {
         PXPacketPtr packet = decode(httpSegment());
@@ -99,6 +99,22 @@ TEST(PacketChain, InnermostPacketKeepsTheWholeFrameAlive) {
     }
     EXPECT_TRUE(root.expired());
     EXPECT_TRUE(ethernetLayer.expired());
+
+    // An outer layer held alone lets the inner ones go, whichever way it
+    // was reached, and its bytes outlive the layer they came from.
+    for (bool fromRoot : {false, true}) {
+        PXPacketPtr packet = decode(httpSegment());
+        const std::weak_ptr<PXPacket> tcpLayer = packet;
+        PXPacketPtr ip =
+            fromRoot ? packet->rootPacket()->encapsulatedPacket()->encapsulatedPacket() : packet->encapsulatingPacket();
+        const ByteBuffer payload = std::static_pointer_cast<PXTCPPacket>(packet)->payload();
+        packet.reset();
+        EXPECT_TRUE(tcpLayer.expired()) << fromRoot;
+        EXPECT_FALSE(ip->encapsulatedPacket()) << fromRoot;
+        EXPECT_EQ(ip->encapsulatingPacket()->encapsulatedPacket(), ip) << fromRoot;
+        ip.reset();
+        EXPECT_EQ(payload.stringView(), "GET / HTTP/1.1\r\n\r\n");
+    }
 }
 
 TEST(PacketChain, LinkTypeChoosesTheFirstLayer) {
