@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace {
 
@@ -17,9 +18,9 @@ using namespace wireloom;
 std::size_t inspect(const PXMDNSPacket& packet, std::size_t size) {
     std::size_t total = 0;
     for (const PXMDNSQuestion& question : packet.questionRecords()) total += question.recordName().size();
-    for (const auto* section :
-         {&packet.answerRecords(), &packet.authoritativeAnswerRecords(), &packet.additionalRecords()}) {
-        for (const PXMDNSRecord& record : *section) {
+    for (const std::span<const PXMDNSRecord> section :
+         {packet.answerRecords(), packet.authoritativeAnswerRecords(), packet.additionalRecords()}) {
+        for (const PXMDNSRecord& record : section) {
             WL_ASSERT(record.resourceData().size() == record.resourceDataLength(), "resource data of another length");
             WL_ASSERT(
                 record.resourceDataOffsetInMessage() + record.resourceDataLength() <= static_cast<std::int64_t>(size),
