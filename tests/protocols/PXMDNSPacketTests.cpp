@@ -347,9 +347,10 @@ TEST(MDNSChain, TextKeptOfAMessageOutlivesIt) {
 }
 
 // Records and resources lie in the frame's block while it has room and on the
-// heap after; the data of those in the block are views of the message. Either
-// way a resource kept alone, or a copied record, still reads right once the
-// message is gone and its block reused.
+// heap after (the larger messages here run out of room part way through, or
+// from the start); the data of those in the block are views of the message.
+// Either way a resource kept alone, or a copied record, still reads right
+// once the message is gone and its block reused.
 TEST(MDNSChain, ResourcesKeptAloneWhetherInTheBlockOrNot) {
     auto response = [](char label, int services) {
         auto instance = [&](int i) { return std::string(20, label) + std::to_string(i) + "._http._tcp.local"; };
@@ -362,7 +363,7 @@ TEST(MDNSChain, ResourcesKeptAloneWhetherInTheBlockOrNot) {
                      [&](DnsMessage& d) { d.writeTxt({"id=" + std::string(8, label) + std::to_string(i)}); });
         return mdnsFrame(m.bytes());
     };
-    for (const int services : {1, 40}) {
+    for (const int services : {1, 6, 14, 40}) {
         std::vector<PXDNSResource::Ptr> kept;
         std::vector<PXMDNSRecord> copies;
         if (const auto message = decode(response('k', services))->packetWithProtocol<PXMDNSPacket>()) {
