@@ -50,6 +50,14 @@ public:
         next_ += bytes;
         return p;
     }
+    // The same, aligned, for objects kept in the block for an object there
+    // that destroys them with itself (a message's records and resources).
+    void* allocateUnreferenced(std::size_t bytes, std::size_t alignment) noexcept {
+        std::size_t start = (next_ + alignment - 1) & ~(alignment - 1);
+        if (start > end_ || bytes > end_ - start) return nullptr;
+        next_ = start + bytes;
+        return reinterpret_cast<std::uint8_t*>(this) + start;
+    }
     // What allocateUnreferenced would hand out next, to write in before asking.
     std::span<std::uint8_t> unallocated() noexcept {
         return {reinterpret_cast<std::uint8_t*>(this) + next_, end_ - next_};
