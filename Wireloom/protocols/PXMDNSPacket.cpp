@@ -49,9 +49,7 @@ bool PXMDNSPacket::readRecords(const PXMDNSPacket* holder, detail::ByteReader& c
         PXMDNSRecord& record = records.emplace_back();
         // Unlike a question's, a record's unreadable name spoils nothing
         // else: reading goes on from wherever the name reader stopped.
-        if (DNSNameText name(detail::frameTextRoom(holder));
-            readDomainNameText(message.data(), message.size(), cursor, consumed, name))
-            record.setRecordName(detail::keepDecodedText(holder, name.view()));
+        record.setRecordName(detail::readDecodedName(holder, message.span(), cursor, consumed));
         if (!cursor.has(10)) return false;
         record.setRecordType(cursor.readBE<std::uint16_t>());
         record.setRecordClass(cursor.readBE<std::uint16_t>());
@@ -94,10 +92,10 @@ PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketP
     packet->questionRecords_.reserve(
         packet.get(), std::min<std::size_t>(packet->questionRRC_, cursor.remaining() / kSmallestQuestion));
     for (std::uint16_t i = 0; i < packet->questionRRC_; ++i) {
-        DNSNameText name(detail::frameTextRoom(packet.get()));
-        if (!readDomainNameText(message.data(), message.size(), cursor, count, name) || !cursor.has(4)) return nullptr;
+        DNSText name = detail::readDecodedName(packet.get(), message.span(), cursor, count);
+        if (!name.present() || !cursor.has(4)) return nullptr;
         PXMDNSQuestion& question = packet->questionRecords_.emplace_back();
-        question.setRecordName(detail::keepDecodedText(packet.get(), name.view()));
+        question.setRecordName(std::move(name));
         question.setQuestionType(cursor.readBE<std::uint16_t>());
         question.setQuestionClass(cursor.readBE<std::uint16_t>());
         count += 4;

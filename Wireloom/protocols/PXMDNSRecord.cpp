@@ -24,9 +24,7 @@ DNSText nameAt(std::span<const std::uint8_t> message, std::size_t offset, const 
     if (offset > message.size()) return {};
     detail::ByteReader cursor(message.data() + offset, message.size() - offset);
     std::uint32_t consumed = 0;
-    DNSNameText text(detail::frameTextRoom(holder));
-    if (!readDomainNameText(message.data(), message.size(), cursor, consumed, text)) return {};
-    return detail::keepDecodedText(holder, text.view());
+    return detail::readDecodedName(holder, message, cursor, consumed);
 }
 
 // Room for a resource in the frame's block, when its message lies there.
@@ -106,15 +104,22 @@ void PXMDNSRecord::keepDecodedData(const ByteBuffer& message, std::size_t offset
 }
 
 // In the frame's block when the message lies there: no allocation and no
-// count of its own, the message's standing for it (see resource()).
+// count of its own, the message's standing for it (see resource()). Null
+// when there is no room.
+template <class T, class... Args>
+T* PXMDNSRecord::keepInBlock(const PXMDNSPacket* holder, Args&&... args) {
+    void* room = roomInBlock<T>(holder);
+    if (!room) return nullptr;
+    T* kept = ::new (room) T(std::forward<Args>(args)...);
+    keptResource_ = kept;
+    holder_ = holder;
+    return kept;
+}
+
+// In the block when it can be, else on the heap with a count of its own.
 template <class T, class... Args>
 T* PXMDNSRecord::newResource(const PXMDNSPacket* holder, Args&&... args) {
-    if (void* room = roomInBlock<T>(holder)) {
-        T* kept = ::new (room) T(std::forward<Args>(args)...);
-        keptResource_ = kept;
-        holder_ = holder;
-        return kept;
-    }
+    if (T* kept = keepInBlock<T>(holder, args...)) return kept;
     auto owned = std::make_shared<T>(std::forward<Args>(args)...);
     T* resource = owned.get();
     resource_ = std::move(owned);
@@ -153,12 +158,8 @@ void PXMDNSRecord::decodeResource(std::span<const std::uint8_t> message, const P
     case kTypeTXT: {
         // In the block, the data can stay a view of the message: the
         // resource lives no longer than the message does.
-        if (void* room = kept ? roomInBlock<PXDNSTXTResource>(holder) : nullptr) {
-            keptResource_ = ::new (room) PXDNSTXTResource(*kept, offset, resourceData_.size());
-            holder_ = holder;
-        } else {
+        if (!kept || !keepInBlock<PXDNSTXTResource>(holder, *kept, offset, resourceData_.size()))
             newResource<PXDNSTXTResource>(holder, resourceData_);
-        }
         return;
     }
     case kTypeAAAA: {

@@ -72,6 +72,8 @@ private:
     void keepDecodedData(const ByteBuffer& message, std::size_t offset, std::uint16_t length);
     void decodeResource(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, const ByteBuffer* kept);
     template <class T, class... Args>
+    T* keepInBlock(const PXMDNSPacket* holder, Args&&... args);
+    template <class T, class... Args>
     T* newResource(const PXMDNSPacket* holder, Args&&... args);
     void dropKeptResource() noexcept;
 
