@@ -102,11 +102,11 @@ std::uint64_t enumerate(const PXPacket& innermost) {
     const auto& message = static_cast<const PXMDNSPacket&>(innermost);
     std::uint64_t sink = 0;
     for (const PXMDNSQuestion& question : message.questionRecords()) sink += question.recordName().size();
-    for (const auto* section :
-         {&message.answerRecords(), &message.authoritativeAnswerRecords(), &message.additionalRecords()})
-        for (const PXMDNSRecord& record : *section)
+    for (const std::span<const PXMDNSRecord> section :
+         {message.answerRecords(), message.authoritativeAnswerRecords(), message.additionalRecords()})
+        for (const PXMDNSRecord& record : section)
             sink += (record.recordName() ? record.recordName()->size() : 0) + record.resourceData().size() +
-                    (record.resource() != nullptr);
+                    record.hasResource();
     return sink;
 }
 
@@ -176,8 +176,8 @@ bool check(const LoadedCapture& capture, const Generated& generated) {
     for (const Record& record : capture.records) {
         const PXPacketPtr innermost = PXPacket::packetWithHeader(record.header, record.data, DLT_EN10MB);
         if (const auto* message = dynamic_cast<const PXMDNSPacket*>(innermost.get()))
-            for (const auto* section : {&message->answerRecords(), &message->additionalRecords()})
-                for (const PXMDNSRecord& r : *section) ours += r.recordName() && (r.recordType() == 1 || r.resource());
+            for (const std::span<const PXMDNSRecord> section : {message->answerRecords(), message->additionalRecords()})
+                for (const PXMDNSRecord& r : section) ours += r.recordName() && (r.recordType() == 1 || r.resource());
         const Tins::EthernetII frame(record.data, record.header.caplen);
         const Tins::DNS dns = frame.rfind_pdu<Tins::RawPDU>().to<Tins::DNS>();
         theirs += dns.answers().size() + dns.additional().size();

@@ -39,7 +39,7 @@ void addResource(nlohmann::ordered_json& out, const PXDNSResource* resource) {
     }
 }
 
-nlohmann::ordered_json recordsJSON(const std::vector<PXMDNSRecord>& records) {
+nlohmann::ordered_json recordsJSON(std::span<const PXMDNSRecord> records) {
     nlohmann::ordered_json list = nlohmann::ordered_json::array();
     for (const PXMDNSRecord& record : records) {
         nlohmann::ordered_json item = {{"name", optionalName(record.recordName())},

@@ -1,5 +1,7 @@
 // Feeds arbitrary bytes to the mDNS decoder as a datagram from 5353 to 5353,
-// then asks the message for everything it tells: every record's resource,
+// alone and in a frame decoded through the chain (where the message keeps its
+// records and resources in the frame's block), then asks each message for
+// everything it tells: every record's resource,
 // the report entry's text. The first byte also starts a name read at an
 // offset of its choosing, with and without the message start, so that the
 // name reader meets cursors the packet decoder never hands it.
@@ -7,8 +9,13 @@
 
 #include <Wireloom/Wireloom.hpp>
 
+#include <pcap/pcap.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <span>
+#include <vector>
 
 namespace {
 
@@ -17,9 +24,9 @@ using namespace wireloom;
 std::size_t inspect(const PXMDNSPacket& packet, std::size_t size) {
     std::size_t total = 0;
     for (const PXMDNSQuestion& question : packet.questionRecords()) total += question.recordName().size();
-    for (const auto* section :
-         {&packet.answerRecords(), &packet.authoritativeAnswerRecords(), &packet.additionalRecords()}) {
-        for (const PXMDNSRecord& record : *section) {
+    for (const std::span<const PXMDNSRecord> section :
+         {packet.answerRecords(), packet.authoritativeAnswerRecords(), packet.additionalRecords()}) {
+        for (const PXMDNSRecord& record : section) {
             WL_ASSERT(record.resourceData().size() == record.resourceDataLength(), "resource data of another length");
             WL_ASSERT(
                 record.resourceDataOffsetInMessage() + record.resourceDataLength() <= static_cast<std::int64_t>(size),
@@ -45,6 +52,28 @@ WIRELOOM_FUZZ_TARGET(mdns_decode) {
     if (auto packet = PXMDNSPacket::packetFromData(ByteBuffer::copy(data, size), udp, &consumed)) {
         WL_ASSERT(consumed >= 12 && consumed <= size, "consumed more than the message");
         total += inspect(static_cast<const PXMDNSPacket&>(*packet), size);
+    }
+    // The same message as a frame's datagram, decoded through the chain: its
+    // records and resources then lie in the frame's block, as far as it has room.
+    if (size <= 0xffff - 28) {
+        std::vector<std::uint8_t> frame(42 + size);
+        const auto put16 = [&](std::size_t at, std::size_t value) {
+            frame[at] = static_cast<std::uint8_t>(value >> 8);
+            frame[at + 1] = static_cast<std::uint8_t>(value);
+        };
+        put16(12, 0x0800);
+        frame[14] = 0x45;
+        put16(16, 28 + size);
+        frame[22] = 64;
+        frame[23] = 17;
+        put16(34, 5353);
+        put16(36, 5353);
+        put16(38, 8 + size);
+        if (size) std::memcpy(frame.data() + 42, data, size);
+        pcap_pkthdr header{};
+        header.caplen = header.len = static_cast<bpf_u_int32>(frame.size());
+        const PXPacketPtr innermost = PXPacket::packetWithHeader(header, frame.data(), DLT_EN10MB);
+        if (const auto* message = dynamic_cast<const PXMDNSPacket*>(innermost.get())) total += inspect(*message, size);
     }
     if (start < size) {
         for (const std::uint8_t* messageStart : {data, static_cast<const std::uint8_t*>(nullptr)}) {

@@ -17,16 +17,19 @@ ByteBuffer::ByteBuffer(std::vector<std::uint8_t>&& bytes) {
     storage_ = std::shared_ptr<const std::uint8_t>(owner, owner->data());
 }
 
-ByteBuffer ByteBuffer::copy(const void* bytes, std::size_t length) {
-    if (length == 0) return {};
+ByteBuffer ByteBuffer::allocate(std::size_t length, std::uint8_t** bytes) {
     // One allocation for the count and the bytes together, from the thread's
     // cache of blocks: a stream's chunks and a replay's frames are copied
     // and dropped by the hundred thousand, most of them larger than what
     // malloc keeps at hand.
     std::shared_ptr<std::uint8_t[]> block =
         std::allocate_shared_for_overwrite<std::uint8_t[]>(detail::CachedAllocator<std::uint8_t>(), length);
-    std::memcpy(block.get(), bytes, length);
-    return ByteBuffer(std::shared_ptr<const std::uint8_t>(block, block.get()), length);
+    *bytes = block.get();
+    return ByteBuffer(std::shared_ptr<const std::uint8_t>(std::move(block), *bytes), length);
+}
+
+ByteBuffer ByteBuffer::copy(const void* bytes, std::size_t length) {
+    return build(length, [&](std::uint8_t* to) { std::memcpy(to, bytes, length); });
 }
 
 const std::uint8_t* ByteBuffer::data() const noexcept { return storage_ ? storage_.get() : &kEmptyByte; }

@@ -42,6 +42,17 @@ public:
     static ByteBuffer copy(const void* bytes, std::size_t length);
     static ByteBuffer copy(std::span<const std::uint8_t> bytes) { return copy(bytes.data(), bytes.size()); }
     static ByteBuffer fromString(std::string_view text) { return copy(text.data(), text.size()); }
+    // A new buffer of `length` bytes written once by fill(std::uint8_t*)
+    // before anyone else can see them: a copy gathered from several places
+    // without a staging buffer.
+    template <class Fill>
+    static ByteBuffer build(std::size_t length, Fill fill) {
+        if (length == 0) return {};
+        std::uint8_t* bytes = nullptr;
+        ByteBuffer buffer = allocate(length, &bytes);
+        fill(bytes);
+        return buffer;
+    }
     // Wraps bytes whose lifetime a shared owner already manages (an aliasing
     // shared_ptr pointing at the first byte).
     static ByteBuffer withSharedStorage(std::shared_ptr<const std::uint8_t> storage, std::size_t length) noexcept {
@@ -97,6 +108,8 @@ public:
     static ByteBuffer dataWithHexString(std::string_view text);
 
 private:
+    // Uninitialised storage for build(), and where to write it.
+    static ByteBuffer allocate(std::size_t length, std::uint8_t** bytes);
     ByteBuffer(std::shared_ptr<const std::uint8_t> storage, std::size_t size,
                const ByteBuffer* lender = nullptr) noexcept
         : storage_(std::move(storage)), size_(size), lender_(lender) {}

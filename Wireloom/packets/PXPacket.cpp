@@ -162,6 +162,10 @@ std::optional<PacketClassSet> linkLayerRestriction(int linkLayerType) noexcept {
         if (!udp.leadsToMDNS()) return {kPXUDPPacketIndex, std::nullopt};
         return {kPXUDPPacketIndex, udp.PXUDPPacket::restrictedChildProtocols()};
     }
+    // Built in too, though its class lives in a layer above this one: it
+    // restricts nothing (PXMDNSPacket keeps the base's answer), so it needs
+    // no virtual call either.
+    case kPXMDNSPacketIndex: return {kPXMDNSPacketIndex, std::nullopt};
     default: return {layer.packetClass().registryIndex(), layer.restrictedChildProtocols()};
     }
 }

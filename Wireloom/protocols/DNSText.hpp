@@ -14,6 +14,7 @@
 
 #include <Wireloom/core/ByteBuffer.hpp>
 #include <Wireloom/packets/detail/FrameArena.hpp>
+#include <Wireloom/protocols/DNSNameReader.hpp>
 
 #include <cstdint>
 #include <cstring>
@@ -115,6 +116,16 @@ inline std::span<char> frameTextRoom(const void* holder) noexcept {
     if (!arena) return {};
     const std::span<std::uint8_t> room = arena->unallocated();
     return {reinterpret_cast<char*>(room.data()), room.size()};
+}
+
+// The name at the cursor of `message`, read straight into where
+// keepDecodedText keeps it for `holder`; absent when it cannot be read. The
+// cursor and count move as for readDomainNameText.
+inline DNSText readDecodedName(const void* holder, std::span<const std::uint8_t> message, ByteReader& cursor,
+                               std::uint32_t& consumed) {
+    DNSNameText name(frameTextRoom(holder));
+    if (!readDomainNameText(message.data(), message.size(), cursor, consumed, name)) return {};
+    return keepDecodedText(holder, name.view());
 }
 
 }  // namespace detail

@@ -51,6 +51,12 @@ public:
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
 
 private:
+    friend class PXMDNSRecord;
+    // Over a view of `message`, which must outlive the resource: for a
+    // resource its message keeps beside itself.
+    PXDNSTXTResource(const ByteBuffer& message, std::size_t offset, std::size_t length)
+        : data_(message.borrowedView(offset, length)) {}
+
     ByteBuffer data_;
     mutable std::once_flag parsed_;
     mutable Dictionary txt_;

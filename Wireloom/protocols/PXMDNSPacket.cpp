@@ -20,35 +20,6 @@ constexpr std::size_t kHeaderSize = 12;
 constexpr std::size_t kSmallestQuestion = 5;
 constexpr std::size_t kSmallestRecord = 11;
 
-// Reads `count` records into `records`, a vector of `holder`; false when a
-// field runs short.
-bool readRecords(const ByteBuffer& message, const PXMDNSPacket* holder, detail::ByteReader& cursor,
-                 std::uint32_t& consumed, std::uint16_t count, std::vector<PXMDNSRecord>& records) {
-    records.reserve(std::min<std::size_t>(count, cursor.remaining() / kSmallestRecord));
-    for (std::uint16_t i = 0; i < count; ++i) {
-        PXMDNSRecord& record = records.emplace_back();
-        // Unlike a question's, a record's unreadable name spoils nothing
-        // else: reading goes on from wherever the name reader stopped.
-        if (DNSNameText name(detail::frameTextRoom(holder));
-            readDomainNameText(message.data(), message.size(), cursor, consumed, name))
-            record.setRecordName(detail::keepDecodedText(holder, name.view()));
-        if (!cursor.has(10)) return false;
-        record.setRecordType(cursor.readBE<std::uint16_t>());
-        record.setRecordClass(cursor.readBE<std::uint16_t>());
-        record.setTtl(cursor.readBE<std::uint32_t>());
-        const std::uint16_t length = cursor.readBE<std::uint16_t>();
-        record.setResourceDataLength(length);
-        consumed += 10;
-        record.setResourceDataOffsetInMessage(static_cast<std::int64_t>(cursor.offset()));
-        if (!cursor.has(length)) return false;
-        record.setResourceData(message.subrange(cursor.offset(), length));
-        cursor.skip(length);
-        consumed += length;
-        record.parseResourceDataWithMessageBody(message.span());
-    }
-    return true;
-}
-
 }  // namespace
 
 std::optional<PacketClassSet> PXMDNSPacket::allowedParentProtocols() {
@@ -69,6 +40,31 @@ std::string_view PXMDNSPacket::nameOfRecordType(std::uint16_t type) noexcept {
     }
 }
 
+// Reads `count` records into `records`; false when a field runs short.
+bool PXMDNSPacket::readRecords(const PXMDNSPacket* holder, detail::ByteReader& cursor, std::uint32_t& consumed,
+                               std::uint16_t count, detail::FrameArray<PXMDNSRecord>& records) {
+    const ByteBuffer& message = holder->message_;
+    records.reserve(holder, std::min<std::size_t>(count, cursor.remaining() / kSmallestRecord + 1));
+    for (std::uint16_t i = 0; i < count; ++i) {
+        PXMDNSRecord& record = records.emplace_back();
+        // Unlike a question's, a record's unreadable name spoils nothing
+        // else: reading goes on from wherever the name reader stopped.
+        record.setRecordName(detail::readDecodedName(holder, message.span(), cursor, consumed));
+        if (!cursor.has(10)) return false;
+        record.setRecordType(cursor.readBE<std::uint16_t>());
+        record.setRecordClass(cursor.readBE<std::uint16_t>());
+        record.setTtl(cursor.readBE<std::uint32_t>());
+        const std::uint16_t length = cursor.readBE<std::uint16_t>();
+        consumed += 10;
+        if (!cursor.has(length)) return false;
+        record.keepDecodedData(message, cursor.offset(), length);
+        cursor.skip(length);
+        consumed += length;
+        record.decodeResource(message.span(), holder, &message);
+    }
+    return true;
+}
+
 PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
     if (!parent || !parent->isKindOf(PXUDPPacket::staticClass())) return nullptr;
     const auto& udp = static_cast<const PXUDPPacket&>(*parent);
@@ -79,11 +75,11 @@ PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketP
     std::size_t length = data.size();
     if (udp.payloadSize() > 0 && udp.payloadSize() < length) length = udp.payloadSize();
     if (length < kHeaderSize) return nullptr;
-    // Owning, unlike the borrowed view the decoder is handed: every name and
-    // resource kept from it takes a share, straight from this one.
-    const ByteBuffer message = data.subrange(0, length);
-
     auto packet = newLayer<PXMDNSPacket>();
+    // Owning, unlike the borrowed view the decoder is handed: the records'
+    // data are views of it.
+    packet->message_ = data.subrange(0, length);
+    const ByteBuffer& message = packet->message_;
     detail::ByteReader cursor(message.span());
     packet->transactionID_ = cursor.readBE<std::uint16_t>();
     packet->flags_ = cursor.readBE<std::uint16_t>();
@@ -94,19 +90,19 @@ PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketP
     std::uint32_t count = kHeaderSize;
 
     packet->questionRecords_.reserve(
-        std::min<std::size_t>(packet->questionRRC_, cursor.remaining() / kSmallestQuestion));
+        packet.get(), std::min<std::size_t>(packet->questionRRC_, cursor.remaining() / kSmallestQuestion));
     for (std::uint16_t i = 0; i < packet->questionRRC_; ++i) {
-        DNSNameText name(detail::frameTextRoom(packet.get()));
-        if (!readDomainNameText(message.data(), message.size(), cursor, count, name) || !cursor.has(4)) return nullptr;
+        DNSText name = detail::readDecodedName(packet.get(), message.span(), cursor, count);
+        if (!name.present() || !cursor.has(4)) return nullptr;
         PXMDNSQuestion& question = packet->questionRecords_.emplace_back();
-        question.setRecordName(detail::keepDecodedText(packet.get(), name.view()));
+        question.setRecordName(std::move(name));
         question.setQuestionType(cursor.readBE<std::uint16_t>());
         question.setQuestionClass(cursor.readBE<std::uint16_t>());
         count += 4;
     }
-    if (!readRecords(message, packet.get(), cursor, count, packet->answerRRC_, packet->answerRecords_) ||
-        !readRecords(message, packet.get(), cursor, count, packet->authorityRRC_, packet->authorityRecords_) ||
-        !readRecords(message, packet.get(), cursor, count, packet->additionalRRC_, packet->additionalRecords_))
+    if (!readRecords(packet.get(), cursor, count, packet->answerRRC_, packet->answerRecords_) ||
+        !readRecords(packet.get(), cursor, count, packet->authorityRRC_, packet->authorityRecords_) ||
+        !readRecords(packet.get(), cursor, count, packet->additionalRRC_, packet->additionalRecords_))
         return nullptr;
     *consumed = count;
     return packet;
@@ -120,7 +116,7 @@ std::string typeText(std::uint16_t type) {
     return detail::stringWithFormat("0x%04x (%.*s)", type, static_cast<int>(name.size()), name.data());
 }
 
-void addRecordSection(PXReportAnalyzerEntry& entry, std::string_view label, const std::vector<PXMDNSRecord>& records) {
+void addRecordSection(PXReportAnalyzerEntry& entry, std::string_view label, std::span<const PXMDNSRecord> records) {
     auto section = entry.addNestedEntry();
     section->setTitleWithLabel(label, records.size(), "record");
     unsigned number = 0;
@@ -135,8 +131,8 @@ void addRecordSection(PXReportAnalyzerEntry& entry, std::string_view label, cons
             "TTL", detail::stringWithFormat("%u (%s)", record.ttl(), stringWithDuration(record.ttl()).c_str()));
         line->addLineWithKey("Resource Data Length", record.resourceDataLength());
         line->addEntryWithData(record.resourceData(), "Resource Data");
-        if (record.resource())
-            if (auto parsed = record.resource()->reportAnalyzerEntry()) line->addEntry(parsed);
+        if (const PXDNSResource::Ptr resource = record.resource())
+            if (auto parsed = resource->reportAnalyzerEntry()) line->addEntry(parsed);
     }
 }
 
@@ -150,13 +146,13 @@ std::shared_ptr<PXReportAnalyzerEntry> PXMDNSPacket::reportAnalyzerEntry() const
         title.append(separator).append(prefix).append(name ? *name : "(null)");
         separator = ", ";
     };
-    for (const PXMDNSQuestion& question : questionRecords_) list("Q: ", question.recordName());
-    auto listRecords = [&](const char* prefix, const std::vector<PXMDNSRecord>& records) {
+    for (const PXMDNSQuestion& question : questionRecords()) list("Q: ", question.recordName());
+    auto listRecords = [&](const char* prefix, std::span<const PXMDNSRecord> records) {
         for (const PXMDNSRecord& record : records) list(prefix, record.recordName());
     };
-    listRecords("A: ", answerRecords_);
-    listRecords("AA: ", authorityRecords_);
-    listRecords("AR: ", additionalRecords_);
+    listRecords("A: ", answerRecords());
+    listRecords("AA: ", authoritativeAnswerRecords());
+    listRecords("AR: ", additionalRecords());
     entry->setProtocolLayerName(title);
 
     entry->setValue(transactionID_, "Transaction ID", 0);
@@ -178,16 +174,16 @@ std::shared_ptr<PXReportAnalyzerEntry> PXMDNSPacket::reportAnalyzerEntry() const
     auto questions = entry->addNestedEntry();
     questions->setTitleWithLabel("Questions", questionRecords_.size(), "record");
     unsigned number = 0;
-    for (const PXMDNSQuestion& question : questionRecords_) {
+    for (const PXMDNSQuestion& question : questionRecords()) {
         auto line = questions->addNestedEntry();
         line->setSectionTitle(detail::stringWithFormat("Question %u", number++));
         line->addLineWithKey("Name", std::string(question.recordName()));
         line->addLineWithKey("Type", typeText(question.questionType()));
         line->addLineWithKey("Class", detail::stringWithFormat("0x%04x", question.questionClass()));
     }
-    addRecordSection(*entry, "Answers", answerRecords_);
-    addRecordSection(*entry, "Authoritative Answers", authorityRecords_);
-    addRecordSection(*entry, "Additional", additionalRecords_);
+    addRecordSection(*entry, "Answers", answerRecords());
+    addRecordSection(*entry, "Authoritative Answers", authoritativeAnswerRecords());
+    addRecordSection(*entry, "Additional", additionalRecords());
     return entry;
 }
 

@@ -16,14 +16,20 @@
 // whose name cannot be read is kept without one.
 
 #include <Wireloom/packets/PXPacket.hpp>
+#include <Wireloom/packets/detail/FrameArray.hpp>
 #include <Wireloom/protocols/PXMDNSQuestion.hpp>
 #include <Wireloom/protocols/PXMDNSRecord.hpp>
 
 #include <cstdint>
+#include <span>
 #include <string_view>
 #include <vector>
 
 namespace wireloom {
+
+namespace detail {
+class ByteReader;
+}
 
 class PXMDNSPacket : public PXPacket {
 public:
@@ -53,14 +59,18 @@ public:
     std::uint8_t reserved() const noexcept { return flagBits(9, 3); }
     std::uint8_t returnCode() const noexcept { return flagBits(12, 4); }
 
-    const std::vector<PXMDNSQuestion>& questionRecords() const noexcept { return questionRecords_; }
-    void setQuestionRecords(std::vector<PXMDNSQuestion> records) { questionRecords_ = std::move(records); }
-    const std::vector<PXMDNSRecord>& answerRecords() const noexcept { return answerRecords_; }
-    void setAnswerRecords(std::vector<PXMDNSRecord> records) { answerRecords_ = std::move(records); }
-    const std::vector<PXMDNSRecord>& authoritativeAnswerRecords() const noexcept { return authorityRecords_; }
-    void setAuthoritativeAnswerRecords(std::vector<PXMDNSRecord> records) { authorityRecords_ = std::move(records); }
-    const std::vector<PXMDNSRecord>& additionalRecords() const noexcept { return additionalRecords_; }
-    void setAdditionalRecords(std::vector<PXMDNSRecord> records) { additionalRecords_ = std::move(records); }
+    // The sections, valid while the message lives; copy a record to keep it
+    // on its own.
+    std::span<const PXMDNSQuestion> questionRecords() const noexcept { return questionRecords_.span(); }
+    void setQuestionRecords(std::vector<PXMDNSQuestion> records) { questionRecords_.assign(std::move(records)); }
+    std::span<const PXMDNSRecord> answerRecords() const noexcept { return answerRecords_.span(); }
+    void setAnswerRecords(std::vector<PXMDNSRecord> records) { answerRecords_.assign(std::move(records)); }
+    std::span<const PXMDNSRecord> authoritativeAnswerRecords() const noexcept { return authorityRecords_.span(); }
+    void setAuthoritativeAnswerRecords(std::vector<PXMDNSRecord> records) {
+        authorityRecords_.assign(std::move(records));
+    }
+    std::span<const PXMDNSRecord> additionalRecords() const noexcept { return additionalRecords_.span(); }
+    void setAdditionalRecords(std::vector<PXMDNSRecord> records) { additionalRecords_.assign(std::move(records)); }
 
     // "PTR", "SRV", "AAAA (IPv6)"...; "unknown" for types the library does not name.
     static std::string_view nameOfRecordType(std::uint16_t type) noexcept;
@@ -76,11 +86,20 @@ private:
         return static_cast<std::uint8_t>(flags_ >> first & ((1u << count) - 1));
     }
 
+    static bool readRecords(const PXMDNSPacket* holder, detail::ByteReader& cursor, std::uint32_t& consumed,
+                            std::uint16_t count, detail::FrameArray<PXMDNSRecord>& records);
+
     static PacketClass kClass;
-    std::vector<PXMDNSQuestion> questionRecords_;
-    std::vector<PXMDNSRecord> answerRecords_;
-    std::vector<PXMDNSRecord> authorityRecords_;
-    std::vector<PXMDNSRecord> additionalRecords_;
+    // The message's bytes: the one share of the frame's that the records'
+    // data, and the TXT resources in the block, are views of. Declared
+    // first, so destroyed after them.
+    ByteBuffer message_;
+    // In the frame's block with the message when it lies there (see
+    // FrameArray), so that a message costs no allocation of its own.
+    detail::FrameArray<PXMDNSQuestion> questionRecords_;
+    detail::FrameArray<PXMDNSRecord> answerRecords_;
+    detail::FrameArray<PXMDNSRecord> authorityRecords_;
+    detail::FrameArray<PXMDNSRecord> additionalRecords_;
     std::uint16_t transactionID_ = 0;
     std::uint16_t flags_ = 0;
     std::uint16_t questionRRC_ = 0;

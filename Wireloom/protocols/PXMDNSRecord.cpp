@@ -6,7 +6,11 @@
 #include <Wireloom/protocols/PXDNSPTRResource.hpp>
 #include <Wireloom/protocols/PXDNSSRVResource.hpp>
 #include <Wireloom/protocols/PXDNSTXTResource.hpp>
+#include <Wireloom/protocols/PXMDNSPacket.hpp>
 #include <Wireloom/protocols/PXMDNSRecord.hpp>
+
+#include <memory>
+#include <utility>
 
 namespace wireloom {
 
@@ -14,64 +18,158 @@ namespace {
 
 enum : std::uint16_t { kTypePTR = 12, kTypeTXT = 16, kTypeAAAA = 28, kTypeSRV = 33 };
 
-// While a frame is decoded, its resources go into the frame's block with the
-// packets: a bump of a pointer instead of a malloc each.
-template <class T, class... Args>
-std::shared_ptr<T> newResource(Args&&... args) {
-    if (detail::FrameArena* arena = detail::tCurrentFrameArena)
-        return std::allocate_shared<T>(detail::FrameArenaAllocator<T>(arena), std::forward<Args>(args)...);
-    return std::make_shared<T>(std::forward<Args>(args)...);
-}
-
 // The name at a message offset, for the resource that holds it; its
 // consumed count is of no interest.
 DNSText nameAt(std::span<const std::uint8_t> message, std::size_t offset, const void* holder) {
     if (offset > message.size()) return {};
     detail::ByteReader cursor(message.data() + offset, message.size() - offset);
     std::uint32_t consumed = 0;
-    DNSNameText text(detail::frameTextRoom(holder));
-    if (!readDomainNameText(message.data(), message.size(), cursor, consumed, text)) return {};
-    return detail::keepDecodedText(holder, text.view());
+    return detail::readDecodedName(holder, message, cursor, consumed);
+}
+
+// Room for a resource in the frame's block, when its message lies there.
+template <class T>
+void* roomInBlock(const PXMDNSPacket* holder) noexcept {
+    if (detail::FrameArena* arena = detail::arenaHolding(holder))
+        return arena->allocateUnreferenced(sizeof(T), alignof(T));
+    return nullptr;
 }
 
 }  // namespace
 
+PXMDNSRecord::PXMDNSRecord(const PXMDNSRecord& other)
+    : recordName_(other.recordName_),
+      resourceData_(other.resourceData_),
+      resource_(other.resource()),
+      resourceDataOffsetInMessage_(other.resourceDataOffsetInMessage_),
+      ttl_(other.ttl_),
+      recordType_(other.recordType_),
+      recordClass_(other.recordClass_),
+      resourceDataLength_(other.resourceDataLength_) {}
+
+// A record in the block moves only inside its message (a list outgrowing its
+// room there), so its resource can go with it.
+PXMDNSRecord::PXMDNSRecord(PXMDNSRecord&& other) noexcept
+    : recordName_(std::move(other.recordName_)),
+      resourceData_(std::move(other.resourceData_)),
+      resource_(std::move(other.resource_)),
+      keptResource_(std::exchange(other.keptResource_, nullptr)),
+      holder_(std::exchange(other.holder_, nullptr)),
+      resourceDataOffsetInMessage_(other.resourceDataOffsetInMessage_),
+      ttl_(other.ttl_),
+      recordType_(other.recordType_),
+      recordClass_(other.recordClass_),
+      resourceDataLength_(other.resourceDataLength_) {}
+
+PXMDNSRecord& PXMDNSRecord::operator=(const PXMDNSRecord& other) {
+    if (this != &other) *this = PXMDNSRecord(other);
+    return *this;
+}
+
+PXMDNSRecord& PXMDNSRecord::operator=(PXMDNSRecord&& other) noexcept {
+    if (this != &other) {
+        dropKeptResource();
+        recordName_ = std::move(other.recordName_);
+        resourceData_ = std::move(other.resourceData_);
+        resource_ = std::move(other.resource_);
+        keptResource_ = std::exchange(other.keptResource_, nullptr);
+        holder_ = std::exchange(other.holder_, nullptr);
+        resourceDataOffsetInMessage_ = other.resourceDataOffsetInMessage_;
+        ttl_ = other.ttl_;
+        recordType_ = other.recordType_;
+        recordClass_ = other.recordClass_;
+        resourceDataLength_ = other.resourceDataLength_;
+    }
+    return *this;
+}
+
+PXDNSResource::Ptr PXMDNSRecord::resource() const {
+    if (keptResource_) return PXDNSResource::Ptr(holder_->shared_from_this(), keptResource_);
+    return resource_;
+}
+
+void PXMDNSRecord::dropKeptResource() noexcept {
+    if (keptResource_) std::destroy_at(std::exchange(keptResource_, nullptr));
+    holder_ = nullptr;
+}
+
+void PXMDNSRecord::keepDecodedData(const ByteBuffer& message, std::size_t offset, std::uint16_t length) {
+    // Built in place: a borrowed view assigned would take a share of the
+    // message's bytes, the count this saves. The message outlives the view,
+    // which lies inside it, and any copy of the view owns its share.
+    resourceData_.~ByteBuffer();
+    ::new (static_cast<void*>(&resourceData_)) ByteBuffer(message.borrowedView(offset, length));
+    resourceDataOffsetInMessage_ = static_cast<std::int64_t>(offset);
+    resourceDataLength_ = length;
+}
+
+// In the frame's block when the message lies there: no allocation and no
+// count of its own, the message's standing for it (see resource()). Null
+// when there is no room.
+template <class T, class... Args>
+T* PXMDNSRecord::keepInBlock(const PXMDNSPacket* holder, Args&&... args) {
+    void* room = roomInBlock<T>(holder);
+    if (!room) return nullptr;
+    T* kept = ::new (room) T(std::forward<Args>(args)...);
+    keptResource_ = kept;
+    holder_ = holder;
+    return kept;
+}
+
+// In the block when it can be, else on the heap with a count of its own.
+template <class T, class... Args>
+T* PXMDNSRecord::newResource(const PXMDNSPacket* holder, Args&&... args) {
+    if (T* kept = keepInBlock<T>(holder, args...)) return kept;
+    auto owned = std::make_shared<T>(std::forward<Args>(args)...);
+    T* resource = owned.get();
+    resource_ = std::move(owned);
+    return resource;
+}
+
 void PXMDNSRecord::parseResourceDataWithMessageBody(std::span<const std::uint8_t> message) {
+    dropKeptResource();
+    decodeResource(message, nullptr, nullptr);
+}
+
+// `kept` is the message buffer the holder keeps, which a resource in the
+// block may borrow from; null with no holder.
+void PXMDNSRecord::decodeResource(std::span<const std::uint8_t> message, const PXMDNSPacket* holder,
+                                  const ByteBuffer* kept) {
     const auto offset = static_cast<std::size_t>(resourceDataOffsetInMessage_);
     switch (recordType_) {
     case kTypeSRV: {
         // Seven bytes at the least: the three words and one byte of target.
         if (resourceData_.size() < 7) return;
         detail::ByteReader r(resourceData_.span());
-        auto srv = newResource<PXDNSSRVResource>();
+        auto* srv = newResource<PXDNSSRVResource>(holder);
         srv->setPriority(r.readBE<std::uint16_t>());
         srv->setWeight(r.readBE<std::uint16_t>());
         srv->setPort(r.readBE<std::uint16_t>());
         // The target may point anywhere in the message, and is read through
         // it rather than within the record's data.
-        srv->setTarget(nameAt(message, offset + 6, srv.get()));
-        resource_ = std::move(srv);
+        srv->setTarget(nameAt(message, offset + 6, srv));
         return;
     }
     case kTypePTR: {
-        auto ptr = newResource<PXDNSPTRResource>();
-        ptr->setCanonicalName(nameAt(message, offset, ptr.get()));
-        resource_ = std::move(ptr);
+        auto* ptr = newResource<PXDNSPTRResource>(holder);
+        ptr->setCanonicalName(nameAt(message, offset, ptr));
         return;
     }
     case kTypeTXT: {
-        resource_ = newResource<PXDNSTXTResource>(resourceData_);
+        // In the block, the data can stay a view of the message: the
+        // resource lives no longer than the message does.
+        if (!kept || !keepInBlock<PXDNSTXTResource>(holder, *kept, offset, resourceData_.size()))
+            newResource<PXDNSTXTResource>(holder, resourceData_);
         return;
     }
     case kTypeAAAA: {
         if (resourceData_.size() < 16) return;
-        auto aaaa = newResource<PXDNSIPv6AddressResource>();
+        auto* aaaa = newResource<PXDNSIPv6AddressResource>(holder);
         char ownRoom[PXIPv6Packet::kIPv6AddressTextSize];
-        const std::span<char> room = detail::frameTextRoom(aaaa.get());
+        const std::span<char> room = detail::frameTextRoom(aaaa);
         char* text = room.size() >= sizeof ownRoom ? room.data() : ownRoom;
         const std::size_t length = PXIPv6Packet::writeIPv6Address(resourceData_.data(), text);
-        aaaa->setIpv6Address(detail::keepDecodedText(aaaa.get(), {text, length}));
-        resource_ = std::move(aaaa);
+        aaaa->setIpv6Address(detail::keepDecodedText(aaaa, {text, length}));
         return;
     }
     default: return;

@@ -15,11 +15,20 @@
 
 namespace wireloom {
 
+class PXMDNSPacket;
+
 class PXMDNSRecord {
 public:
-    // Every member has its initializer: declared so that emplace_back does
-    // not zero the whole record before running them.
+    // Every member has its initializer: declared so that a new record is not
+    // zeroed whole before they run.
     PXMDNSRecord() noexcept {}
+    // A copy owns what it holds, or shares its message: it outlives the
+    // message's frame safely.
+    PXMDNSRecord(const PXMDNSRecord& other);
+    PXMDNSRecord(PXMDNSRecord&& other) noexcept;
+    PXMDNSRecord& operator=(const PXMDNSRecord& other);
+    PXMDNSRecord& operator=(PXMDNSRecord&& other) noexcept;
+    ~PXMDNSRecord() { dropKeptResource(); }
 
     // Valid while the record or a copy of it lives.
     std::optional<std::string_view> recordName() const noexcept { return recordName_.optional(); }
@@ -34,22 +43,45 @@ public:
     void setTtl(std::uint32_t ttl) noexcept { ttl_ = ttl; }
     std::uint16_t resourceDataLength() const noexcept { return resourceDataLength_; }
     void setResourceDataLength(std::uint16_t length) noexcept { resourceDataLength_ = length; }
+    // Valid while the record lives; a copy of the buffer owns its bytes.
     const ByteBuffer& resourceData() const noexcept { return resourceData_; }
     void setResourceData(ByteBuffer data) noexcept { resourceData_ = std::move(data); }
     // Where the resource data starts, counted from the message's first byte.
     std::int64_t resourceDataOffsetInMessage() const noexcept { return resourceDataOffsetInMessage_; }
     void setResourceDataOffsetInMessage(std::int64_t offset) noexcept { resourceDataOffsetInMessage_ = offset; }
-    const PXDNSResource::Ptr& resource() const noexcept { return resource_; }
-    void setResource(PXDNSResource::Ptr resource) noexcept { resource_ = std::move(resource); }
+    // Safe to keep on its own: a resource decoded into the frame's block
+    // shares its message's count, which keeps the block. That costs a count
+    // taken and given back; hasResource() only looks.
+    PXDNSResource::Ptr resource() const;
+    bool hasResource() const noexcept { return keptResource_ || resource_; }
+    void setResource(PXDNSResource::Ptr resource) noexcept {
+        dropKeptResource();
+        resource_ = std::move(resource);
+    }
 
     // Decodes resource() from resourceData() by the record type. The whole
     // message is needed because names in the data may point into it.
     void parseResourceDataWithMessageBody(std::span<const std::uint8_t> message);
 
 private:
+    friend class PXMDNSPacket;
+
+    // What the decoder does for a record of `holder`, which keeps `message`
+    // and lies in the frame's block: the data stays a view of the message,
+    // and the resource goes into the block, this record destroying it.
+    void keepDecodedData(const ByteBuffer& message, std::size_t offset, std::uint16_t length);
+    void decodeResource(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, const ByteBuffer* kept);
+    template <class T, class... Args>
+    T* keepInBlock(const PXMDNSPacket* holder, Args&&... args);
+    template <class T, class... Args>
+    T* newResource(const PXMDNSPacket* holder, Args&&... args);
+    void dropKeptResource() noexcept;
+
     DNSText recordName_;
     ByteBuffer resourceData_;
-    PXDNSResource::Ptr resource_;
+    PXDNSResource::Ptr resource_;            // when not kept in the frame's block
+    PXDNSResource* keptResource_ = nullptr;  // in the frame's block
+    const PXMDNSPacket* holder_ = nullptr;   // the message that keeps the block, while keptResource_ is set
     std::int64_t resourceDataOffsetInMessage_ = 0;
     std::uint32_t ttl_ = 0;
     std::uint16_t recordType_ = 0;

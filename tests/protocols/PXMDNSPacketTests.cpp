@@ -111,7 +111,7 @@ TEST(MDNSStrictness, AnUnreadableNameRejectsAQuestionButOnlyUnnamesARecord) {
 
     auto packet = decodeMessage(header(0, 0, 1) + selfPointer + recordFields(1, 120, {10, 0, 0, 1}));
     ASSERT_TRUE(packet);
-    const PXMDNSRecord& record = packet->answerRecords().at(0);
+    const PXMDNSRecord& record = packet->answerRecords()[0];
     EXPECT_FALSE(record.recordName());
     // Reading went on after the pointer's two bytes.
     EXPECT_EQ(record.recordType(), 1);
@@ -188,11 +188,11 @@ TEST(DNSNameReader, NonASCIIAnywhereInALabelAndNamesLongerThanTheWireAllows) {
 TEST(MDNSResources, SRVNeedsSevenBytesAndReadsItsTargetThroughTheMessage) {
     const Bytes name = {1, 's', 0};
     const Bytes shortSrv = name + recordFields(33, 120, {0, 1, 0, 2, 0, 80});
-    EXPECT_FALSE(decodeMessage(header(0, 0, 1) + shortSrv)->answerRecords().at(0).resource());
+    EXPECT_FALSE(decodeMessage(header(0, 0, 1) + shortSrv)->answerRecords()[0].resource());
 
     const Bytes brokenTarget = name + recordFields(33, 120, {0, 1, 0, 2, 0, 80, 9});
     auto srv = std::dynamic_pointer_cast<PXDNSSRVResource>(
-        decodeMessage(header(0, 0, 1) + brokenTarget)->answerRecords().at(0).resource());
+        decodeMessage(header(0, 0, 1) + brokenTarget)->answerRecords()[0].resource());
     ASSERT_TRUE(srv);
     EXPECT_EQ(srv->port(), 80);
     EXPECT_FALSE(srv->target());
@@ -202,7 +202,7 @@ TEST(MDNSResources, SRVNeedsSevenBytesAndReadsItsTargetThroughTheMessage) {
         d.write(Bytes{0, 1, 0, 2, 0x1f, 0x90});
         d.writeName("kitchen.local");  // compressed: ".local" is a pointer
     });
-    srv = std::dynamic_pointer_cast<PXDNSSRVResource>(decodeMessage(m.bytes())->answerRecords().at(0).resource());
+    srv = std::dynamic_pointer_cast<PXDNSSRVResource>(decodeMessage(m.bytes())->answerRecords()[0].resource());
     ASSERT_TRUE(srv);
     EXPECT_EQ(srv->priority(), 1);
     EXPECT_EQ(srv->weight(), 2);
@@ -216,7 +216,7 @@ TEST(MDNSResources, TXTKeysWithoutValuesAndBinaryValues) {
         d.writeTxt({"path=/", "flag", "empty=", "path=/second"});
         d.write(Bytes{5, 'b', 'i', 'n', '=', 0xff});
     });
-    auto txt = std::dynamic_pointer_cast<PXDNSTXTResource>(decodeMessage(m.bytes())->answerRecords().at(0).resource());
+    auto txt = std::dynamic_pointer_cast<PXDNSTXTResource>(decodeMessage(m.bytes())->answerRecords()[0].resource());
     ASSERT_TRUE(txt);
     EXPECT_EQ(txt->txt().size(), 4u);
     EXPECT_EQ(*txt->valueForKey("path")->string(), "/") << "the first of a repeated key counts";
@@ -236,13 +236,13 @@ TEST(MDNSResources, PTRAndAAAA) {
              [&](DnsMessage& d) { d.write(Bytes(address.begin(), address.end())); });
     m.record(DnsMessage::answer, "kitchen.local", 28, 0x8001, 120, [](DnsMessage& d) { d.write(Bytes(15, 1)); });
     auto packet = decodeMessage(m.bytes());
-    auto ptr = std::dynamic_pointer_cast<PXDNSPTRResource>(packet->answerRecords().at(0).resource());
+    auto ptr = std::dynamic_pointer_cast<PXDNSPTRResource>(packet->answerRecords()[0].resource());
     ASSERT_TRUE(ptr);
     EXPECT_EQ(ptr->canonicalName(), "Kitchen._http._tcp.local");
-    auto aaaa = std::dynamic_pointer_cast<PXDNSIPv6AddressResource>(packet->answerRecords().at(1).resource());
+    auto aaaa = std::dynamic_pointer_cast<PXDNSIPv6AddressResource>(packet->answerRecords()[1].resource());
     ASSERT_TRUE(aaaa);
     EXPECT_EQ(aaaa->ipv6Address(), PXIPv6Packet::stringFromIPv6Address(address.data()));
-    EXPECT_FALSE(packet->answerRecords().at(2).resource());
+    EXPECT_FALSE(packet->answerRecords()[2].resource());
 }
 
 TEST(MDNSEntry, TitleHeaderAndSections) {
@@ -324,9 +324,9 @@ TEST(MDNSChain, TextKeptOfAMessageOutlivesIt) {
     std::vector<PXMDNSQuestion> questions;
     std::optional<PXMDNSRecord> copied;
     if (const auto message = decode(response("kitchen", 'h'))->packetWithProtocol<PXMDNSPacket>()) {
-        questions = message->questionRecords();
-        copied = message->additionalRecords().at(2);
-        EXPECT_EQ(message->additionalRecords().at(1).recordName(), longName);
+        questions.assign(message->questionRecords().begin(), message->questionRecords().end());
+        copied = message->additionalRecords()[2];
+        EXPECT_EQ(message->additionalRecords()[1].recordName(), longName);
     }
     reuseTheBlock();
     EXPECT_EQ(questions.at(0).recordName(), "_http._tcp.kitchen");
@@ -335,13 +335,56 @@ TEST(MDNSChain, TextKeptOfAMessageOutlivesIt) {
     // Resources, without their message.
     PXDNSResource::Ptr ptr, srv, aaaa;
     if (const auto message = decode(response("kitchen", 'h'))->packetWithProtocol<PXMDNSPacket>()) {
-        ptr = message->answerRecords().at(0).resource();
-        srv = message->additionalRecords().at(0).resource();
-        aaaa = message->additionalRecords().at(1).resource();
+        ptr = message->answerRecords()[0].resource();
+        srv = message->additionalRecords()[0].resource();
+        aaaa = message->additionalRecords()[1].resource();
     }
     reuseTheBlock();
     EXPECT_EQ(std::dynamic_pointer_cast<PXDNSPTRResource>(ptr)->canonicalName(), "kitchen._http._tcp.local");
     EXPECT_EQ(std::dynamic_pointer_cast<PXDNSSRVResource>(srv)->target(), longName);
     EXPECT_EQ(std::dynamic_pointer_cast<PXDNSIPv6AddressResource>(aaaa)->ipv6Address(),
               "6868:6868:6868:6868:6868:6868:6868:6868");
+}
+
+// Records and resources lie in the frame's block while it has room and on the
+// heap after (the larger messages here run out of room part way through, or
+// from the start); the data of those in the block are views of the message.
+// Either way a resource kept alone, or a copied record, still reads right
+// once the message is gone and its block reused.
+TEST(MDNSChain, ResourcesKeptAloneWhetherInTheBlockOrNot) {
+    auto response = [](char label, int services) {
+        auto instance = [&](int i) { return std::string(20, label) + std::to_string(i) + "._http._tcp.local"; };
+        DnsMessage m(0, 0x8400);
+        for (int i = 0; i < services; ++i)
+            m.record(DnsMessage::answer, "_http._tcp.local", 12, 1, 4500,
+                     [&](DnsMessage& d) { d.writeName(instance(i)); });
+        for (int i = 0; i < services; ++i)
+            m.record(DnsMessage::additional, instance(i), 16, 0x8001, 4500,
+                     [&](DnsMessage& d) { d.writeTxt({"id=" + std::string(8, label) + std::to_string(i)}); });
+        return mdnsFrame(m.bytes());
+    };
+    for (const int services : {1, 6, 14, 40}) {
+        std::vector<PXDNSResource::Ptr> kept;
+        std::vector<PXMDNSRecord> copies;
+        if (const auto message = decode(response('k', services))->packetWithProtocol<PXMDNSPacket>()) {
+            ASSERT_EQ(message->additionalRecords().size(), static_cast<std::size_t>(services));
+            for (int i = 0; i < services; ++i) {
+                kept.push_back(message->answerRecords()[i].resource());
+                kept.push_back(message->additionalRecords()[i].resource());
+            }
+            copies.assign(message->additionalRecords().begin(), message->additionalRecords().end());
+        }
+        for (int i = 0; i < 40; ++i) decode(response('p', services));
+        for (int i = 0; i < services; ++i) {
+            const std::string number = std::to_string(i);
+            EXPECT_EQ(std::dynamic_pointer_cast<PXDNSPTRResource>(kept.at(2 * i))->canonicalName(),
+                      std::string(20, 'k') + number + "._http._tcp.local");
+            EXPECT_EQ(*std::dynamic_pointer_cast<PXDNSTXTResource>(kept.at(2 * i + 1))->valueForKey("id")->string(),
+                      std::string(8, 'k') + number);
+            EXPECT_EQ(copies.at(i).resourceData().stringView().substr(1), "id=" + std::string(8, 'k') + number);
+            EXPECT_EQ(
+                *std::dynamic_pointer_cast<PXDNSTXTResource>(copies.at(i).resource())->valueForKey("id")->string(),
+                std::string(8, 'k') + number);
+        }
+    }
 }

@@ -26,15 +26,15 @@ public:
     void setEndpoint1Address(std::string address) { endpoint1Address_ = std::move(address); }
     std::uint16_t endpoint1Port() const noexcept { return endpoint1Port_; }
     void setEndpoint1Port(std::uint16_t port) noexcept { endpoint1Port_ = port; }
-    const std::string& endpoint0() const noexcept { return *endpoint0_; }
-    void setEndpoint0(std::string endpoint) { endpoint0_ = shared(std::move(endpoint)); }
-    const std::string& endpoint1() const noexcept { return *endpoint1_; }
-    void setEndpoint1(std::string endpoint) { endpoint1_ = shared(std::move(endpoint)); }
+    const std::string& endpoint0() const noexcept { return endpoints_->endpoint0; }
+    void setEndpoint0(std::string endpoint) { endpoints_ = shared(std::move(endpoint), endpoints_->endpoint1); }
+    const std::string& endpoint1() const noexcept { return endpoints_->endpoint1; }
+    void setEndpoint1(std::string endpoint) { endpoints_ = shared(endpoints_->endpoint0, std::move(endpoint)); }
     // The same texts, for notifications to carry without copying them. A
-    // setter replaces the text rather than changing it, so one handed out
+    // setter replaces the texts rather than changing them, so one handed out
     // keeps what it said.
-    const std::shared_ptr<const std::string>& sharedEndpoint0() const noexcept { return endpoint0_; }
-    const std::shared_ptr<const std::string>& sharedEndpoint1() const noexcept { return endpoint1_; }
+    std::shared_ptr<const std::string> sharedEndpoint0() const noexcept { return {endpoints_, &endpoints_->endpoint0}; }
+    std::shared_ptr<const std::string> sharedEndpoint1() const noexcept { return {endpoints_, &endpoints_->endpoint1}; }
     // Seconds on the capture clock; both start when the flow is made.
     double endpoint0ActivityTime() const noexcept { return endpoint0ActivityTime_; }
     void setEndpoint0ActivityTime(double time) noexcept { endpoint0ActivityTime_ = time; }
@@ -49,8 +49,7 @@ public:
 
 protected:
     FlowEndpoints(std::string endpoint0, std::string endpoint1, double now)
-        : endpoint0_(shared(std::move(endpoint0))),
-          endpoint1_(shared(std::move(endpoint1))),
+        : endpoints_(shared(std::move(endpoint0), std::move(endpoint1))),
           endpoint0ActivityTime_(now),
           endpoint1ActivityTime_(now),
           startTime_(now) {}
@@ -60,14 +59,18 @@ protected:
     bool carriesEndpoints(const PXPacket& packet, std::uint16_t sourcePort, std::uint16_t destPort) const;
 
 private:
-    static std::shared_ptr<const std::string> shared(std::string text) {
-        return std::make_shared<const std::string>(std::move(text));
+    // Both texts in one block: a table of idle flows pays one allocation
+    // for them, not two.
+    struct Texts {
+        std::string endpoint0, endpoint1;
+    };
+    static std::shared_ptr<const Texts> shared(std::string endpoint0, std::string endpoint1) {
+        return std::make_shared<const Texts>(Texts{std::move(endpoint0), std::move(endpoint1)});
     }
 
     std::string endpoint0Address_;
     std::string endpoint1Address_;
-    std::shared_ptr<const std::string> endpoint0_;
-    std::shared_ptr<const std::string> endpoint1_;
+    std::shared_ptr<const Texts> endpoints_;
     std::string key_;
     double endpoint0ActivityTime_;
     double endpoint1ActivityTime_;

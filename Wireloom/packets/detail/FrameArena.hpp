@@ -40,20 +40,13 @@ public:
         if (p) ++pendingReferences_;
         return p;
     }
-    // Memory that no allocator will give back, for bytes reached only through
-    // something else the block holds (text decoded from the captured bytes,
-    // kept alive by whatever owns those): it takes no reference of its own.
-    void* allocateUnreferenced(std::size_t bytes) noexcept {
-        if (bytes > end_ - next_) return nullptr;
-        void* p = reinterpret_cast<std::uint8_t*>(this) + next_;
-        next_ += bytes;
-        return p;
-    }
-    // The same, aligned, for objects whose lifetime something else in the
-    // block covers.
-    void* allocateUnreferenced(std::size_t bytes, std::size_t alignment) noexcept {
+    // Memory that no allocator will give back, for what is reached only
+    // through something else the block holds: text decoded from the captured
+    // bytes, or objects that an object there destroys with itself (a
+    // message's records and resources). It takes no reference of its own.
+    void* allocateUnreferenced(std::size_t bytes, std::size_t alignment = 1) noexcept {
         std::size_t start = (next_ + alignment - 1) & ~(alignment - 1);
-        if (start + bytes > end_) return nullptr;
+        if (start > end_ || bytes > end_ - start) return nullptr;
         next_ = start + bytes;
         return reinterpret_cast<std::uint8_t*>(this) + start;
     }
