@@ -384,7 +384,7 @@ void PXPacket::separateLayers(detail::LayerChain& chain) noexcept {
     // goes while this runs. Each layer gets the count its inner layer holds;
     // the innermost already has the one the chain was handed out with.
     PXPacket* inner = chain.innermost;
-    PXPacketPtr innerShare = std::static_pointer_cast<PXPacket>(inner->Object::shared_from_this());
+    PXPacketPtr innerShare = std::static_pointer_cast<PXPacket>(inner->ownedShare());
     // From now on each layer may outlive the others, so each holds the block.
     for (PXPacket* layer = inner; layer; layer = layer->parentLayer_)
         if (chain.arena->owns(dynamic_cast<void*>(layer))) chain.arena->retain();
@@ -401,8 +401,7 @@ void PXPacket::separateLayers(detail::LayerChain& chain) noexcept {
 
 PXPacketPtr PXPacket::shareOf(const PXPacket* layer) {
     if (layer->chain_ && layer != layer->chain_->innermost) layer->separateFromChain();
-    return std::const_pointer_cast<PXPacket>(
-        std::static_pointer_cast<const PXPacket>(layer->Object::shared_from_this()));
+    return std::static_pointer_cast<PXPacket>(const_cast<PXPacket*>(layer)->ownedShare());
 }
 
 void PXPacket::setEncapsulatingPacket(PXPacketPtr parent) noexcept {

@@ -87,20 +87,6 @@ public:
     // the chain, on a path run for every frame.
     const PXPacket* encapsulatingLayer() const noexcept { return parentLayer_; }
 
-    // A share of this layer. The chain's layers are owned as one until the
-    // first share of an outer layer is taken (see detail/LayerChain.hpp), so
-    // these hide Object's versions, which know only the innermost layer then.
-    std::shared_ptr<Object> shared_from_this() { return shareOf(this); }
-    std::shared_ptr<const Object> shared_from_this() const { return shareOf(this); }
-    std::weak_ptr<Object> weak_from_this() noexcept {
-        separateFromChain();
-        return Object::weak_from_this();
-    }
-    std::weak_ptr<const Object> weak_from_this() const noexcept {
-        separateFromChain();
-        return Object::weak_from_this();
-    }
-
     // --- Per-class behaviour ----------------------------------------------
 
     // The classes this class may be decoded under; nothing: any parent.
@@ -214,6 +200,17 @@ protected:
         if (detail::FrameArena* arena = detail::tCurrentFrameArena)
             return std::allocate_shared_for_overwrite<T>(detail::FrameArenaAllocator<T>(arena));
         return std::make_shared_for_overwrite<T>();
+    }
+
+protected:
+    // A share of this layer, however it is reached. The chain's layers are
+    // owned as one until the first share of an outer layer is taken (see
+    // detail/LayerChain.hpp); before that, only the innermost layer has a
+    // count of its own.
+    std::shared_ptr<Object> shareOfSelf() override { return shareOf(this); }
+    std::weak_ptr<Object> weakOfSelf() noexcept override {
+        separateFromChain();
+        return Object::weakOfSelf();
     }
 
 private:
