@@ -113,7 +113,7 @@ void appendEntryJSON(std::string& out, PXReportAnalyzerEntry& entry) {
 
 std::vector<std::shared_ptr<PXReportAnalyzerEntry>> layerEntries(const PXPacket& innermost) {
     std::vector<std::shared_ptr<PXReportAnalyzerEntry>> entries;
-    for (const PXPacket* layer = &innermost; layer; layer = layer->encapsulatingPacket().get())
+    for (const PXPacket* layer = &innermost; layer; layer = layer->encapsulatingLayer())
         entries.insert(entries.begin(), layer->reportAnalyzerEntry());
     return entries;
 }

@@ -66,8 +66,8 @@ void appendOneLine(std::string& line, std::uint64_t number, const PXPacket& inne
     writer << detail::Decimal{number} << ' ' << detail::fixedText(timestamp, innermost.timestamp(), overflow);
     const PXPacket* layers[PXPacket::kMaxDecodeDepth + 1];
     std::size_t count = 0;
-    for (const PXPacket* p = &innermost; p->encapsulatingPacket() && count < std::size(layers);
-         p = p->encapsulatingPacket().get())
+    for (const PXPacket* p = &innermost; p->encapsulatingLayer() && count < std::size(layers);
+         p = p->encapsulatingLayer())
         layers[count++] = p;
     if (count == 0) {
         writer << ' ';
@@ -145,7 +145,7 @@ void FramePrinter::show(const PXPacket& innermost, std::uint64_t number) {
         if (lines_.size() >= (1u << 20)) flushLines();
         break;
     case Format::None:
-        for (const PXPacket* p = &innermost; p->encapsulatingPacket(); p = p->encapsulatingPacket().get())
+        for (const PXPacket* p = &innermost; p->encapsulatingLayer(); p = p->encapsulatingLayer())
             ++framesPerClass_[p->packetClass().registryIndex()];
         break;
     }

@@ -95,7 +95,8 @@ FrameProvider SourceFilter::keep(const PXPacket& innermost) const {
     if (mode_ == Mode::Live) return [packet] { return packet; };
     // Decoded layers take a block of 4 KiB a frame; the frame's pcap record
     // takes its own length.
-    const ByteBuffer record = packet->rootPacket()->pcapFileEntry();
+    // Any layer writes the whole frame's record.
+    const ByteBuffer record = packet->pcapFileEntry();
     return [record, linkLayerType = linkLayerType_]() -> std::shared_ptr<const PXPacket> {
         std::uint32_t fields[4];  // seconds, microseconds, captured and wire length, in host order
         std::memcpy(fields, record.data(), sizeof fields);

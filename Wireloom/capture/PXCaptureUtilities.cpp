@@ -23,8 +23,8 @@ namespace {
 template <class Address>
 std::optional<std::string> addressFromPacket(const PXPacket& packet, Address address) {
     // IPv6 first: a tunnel's inner addresses are the ones that matter.
-    if (auto v6 = packet.packetWithProtocol<PXIPv6Packet>()) return address(*v6);
-    if (auto v4 = packet.packetWithProtocol<PXIPv4Packet>()) return address(*v4);
+    if (auto v6 = packet.layerWithProtocol<PXIPv6Packet>()) return address(*v6);
+    if (auto v4 = packet.layerWithProtocol<PXIPv4Packet>()) return address(*v4);
     return std::nullopt;
 }
 }  // namespace

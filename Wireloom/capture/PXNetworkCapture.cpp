@@ -217,8 +217,8 @@ bool PXNetworkCapture::PX_processPacketHeader(const pcap_pkthdr& header, const s
 bool PXNetworkCapture::transformCurrentPacket(const PXPacketPtr& packet) {
     const PXPacketPtr current = currentPacket();
     if (!current) return false;
-    for (PXPacketPtr layer = packet; layer; layer = layer->encapsulatingPacket()) {
-        if (layer != current) continue;
+    for (const PXPacket* layer = packet.get(); layer; layer = layer->encapsulatingLayer()) {
+        if (layer != current.get()) continue;
         currentPacket_ = packet;
         if (announcing_) announcing_ = packet;
         return true;

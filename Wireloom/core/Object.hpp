@@ -26,10 +26,25 @@ public:
     // a string say so.
     virtual void appendClassName(std::string& out) const { out += className(); }
 
+    // A share of this object, which a shared_ptr must already own. These
+    // hide enable_shared_from_this's own so that a class whose objects are
+    // owned together with others (a decoded frame's layers) can hand out a
+    // share that lets them go separately, however the object is reached.
+    std::shared_ptr<Object> shared_from_this() { return shareOfSelf(); }
+    std::shared_ptr<const Object> shared_from_this() const { return const_cast<Object*>(this)->shareOfSelf(); }
+    std::weak_ptr<Object> weak_from_this() noexcept { return weakOfSelf(); }
+    std::weak_ptr<const Object> weak_from_this() const noexcept { return const_cast<Object*>(this)->weakOfSelf(); }
+
 protected:
     Object() = default;
     Object(const Object&) = default;
     Object& operator=(const Object&) = default;
+
+    virtual std::shared_ptr<Object> shareOfSelf() { return ownedShare(); }
+    virtual std::weak_ptr<Object> weakOfSelf() noexcept { return enable_shared_from_this::weak_from_this(); }
+    // The share of whatever control block owns this object, as shared_ptr
+    // recorded it.
+    std::shared_ptr<Object> ownedShare() { return enable_shared_from_this::shared_from_this(); }
 };
 
 using ObjectPtr = std::shared_ptr<Object>;

@@ -15,20 +15,113 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <thread>
+#include <typeinfo>
 
 namespace wireloom {
+
+namespace detail {
+
+// Builds a chain whose layers are owned as one (see LayerChain): the layers
+// are linked by their raw outer pointers, and the only reference count made
+// is the innermost layer's, when the chain is done.
+class LayerChainBuilder {
+public:
+    explicit LayerChainBuilder(FrameArena* arena)
+        : chain_(::new (arena->allocateUnreferenced(sizeof(LayerChain), alignof(LayerChain))) LayerChain(arena)),
+          previous_(tCurrentLayerChain) {
+        tCurrentLayerChain = chain_;
+    }
+    ~LayerChainBuilder() {
+        tCurrentLayerChain = previous_;
+        if (finished_) return;
+        // A decoder threw: nothing owns the layers made so far.
+        discardUnlinked();
+        for (PXPacket* layer = current_; layer;) {
+            PXPacket* outer = layer->parentLayer_;
+            PXPacket::destroyLayer(chain_->arena, layer, false);
+            layer = outer;
+        }
+    }
+    LayerChainBuilder(const LayerChainBuilder&) = delete;
+    LayerChainBuilder& operator=(const LayerChainBuilder&) = delete;
+
+    template <class... Args>
+    PXPacket& makeRoot(Args&&... args) {
+        auto* root = ::new (chain_->storageFor(sizeof(PXPacket), alignof(PXPacket))) PXPacket(args...);
+        root->chain_ = chain_;
+        setCurrent(root);
+        return *root;
+    }
+    const PXPacket& currentLayer() const noexcept { return *current_; }
+    PXPacketPtr decode(const PacketClass& cls, const ByteBuffer& data, std::uint32_t* consumed) {
+        PXPacketPtr child = cls.decode(data, currentPtr_, consumed);
+        if (chain_->unlinked != child.get()) discardUnlinked();
+        chain_->unlinked = nullptr;
+        return child;
+    }
+    void link(PXPacketPtr&& child) noexcept {
+        child->parentLayer_ = current_;
+        child->chain_ = chain_;
+        setCurrent(child.get());
+    }
+    PXPacketPtr finish() {
+        chain_->innermost = current_;
+        finished_ = true;
+        // Should this throw, the deleter has already dropped the chain.
+        return PXPacketPtr(current_, PXPacket::LayerRelease{}, FrameArenaAllocator<PXPacket>(chain_->arena));
+    }
+
+private:
+    void setCurrent(PXPacket* layer) noexcept {
+        current_ = layer;
+        // The parent handed to decoders takes no share: they only read it.
+        currentPtr_ = PXPacketPtr(PXPacketPtr(), layer);
+    }
+    void discardUnlinked() noexcept {
+        if (chain_->unlinked) PXPacket::destroyLayer(chain_->arena, chain_->unlinked, false);
+        chain_->unlinked = nullptr;
+    }
+
+    LayerChain* chain_;
+    LayerChain* previous_;
+    PXPacket* current_ = nullptr;
+    PXPacketPtr currentPtr_;
+    bool finished_ = false;
+};
+
+}  // namespace detail
 
 using detail::PacketRegistry;
 
 namespace {
 
-// Links child below current and makes it current; the reference current
-// held moves into the child rather than being copied.
-inline void descend(PXPacketPtr& current, PXPacketPtr&& child) {
-    current->setEncapsulatedPacket(child);
-    child->setEncapsulatingPacket(std::move(current));
-    current = std::move(child);
-}
+// Builds a chain the way a host's own decoders may expect: every layer its
+// own shared_ptr, each linked to the next as it comes.
+class SeparateLayersBuilder {
+public:
+    explicit SeparateLayersBuilder(detail::FrameArena* arena) noexcept : arena_(arena) {}
+    template <class... Args>
+    PXPacket& makeRoot(Args&&... args) {
+        current_ = std::allocate_shared<PXPacket>(detail::FrameArenaAllocator<PXPacket>(arena_), args...);
+        return *current_;
+    }
+    const PXPacket& currentLayer() const noexcept { return *current_; }
+    PXPacketPtr decode(const PacketClass& cls, const ByteBuffer& data, std::uint32_t* consumed) {
+        return cls.decode(data, current_, consumed);
+    }
+    // The reference current held moves into the child rather than being copied.
+    void link(PXPacketPtr&& child) noexcept {
+        current_->setEncapsulatedPacket(child);
+        child->setEncapsulatingPacket(std::move(current_));
+        current_ = std::move(child);
+    }
+    PXPacketPtr finish() noexcept { return std::move(current_); }
+
+private:
+    detail::FrameArena* arena_;
+    PXPacketPtr current_;
+};
 
 // What the chain asks of a layer before decoding below it.
 struct LayerRules {
@@ -49,7 +142,8 @@ std::optional<PacketClassSet> linkLayerRestriction(int linkLayerType) noexcept {
 // inlined goes through memory (a store-forwarding stall on every layer). A
 // layer from any other decoder is asked through its virtual functions, which
 // its class may override.
-LayerRules rulesBelow(const PXPacket& layer, const PacketClass& decodedBy) {
+// Inlined into the chain loop, whose every layer takes it.
+[[gnu::always_inline]] inline LayerRules rulesBelow(const PXPacket& layer, const PacketClass& decodedBy) {
     using namespace detail;
     switch (decodedBy.registryIndex()) {
     case kPXEthernetPacketIndex:
@@ -102,16 +196,12 @@ PXPacket::PXPacket(const pcap_pkthdr& header)
 constinit PacketClass PXPacket::kClass("PXPacket", nullptr, &PXPacket::packetFromData,
                                        &PXPacket::allowedParentProtocols, detail::kPXPacketIndex);
 
-double PXPacket::timestamp() const noexcept {
-    return encapsulatingPacket_ ? encapsulatingPacket_->timestamp() : timestamp_;
-}
+double PXPacket::timestamp() const noexcept { return parentLayer_ ? parentLayer_->timestamp() : timestamp_; }
 
-const ByteBuffer& PXPacket::rawData() const noexcept {
-    return encapsulatingPacket_ ? encapsulatingPacket_->rawData() : rawData_;
-}
+const ByteBuffer& PXPacket::rawData() const noexcept { return parentLayer_ ? parentLayer_->rawData() : rawData_; }
 
 std::uint32_t PXPacket::lengthOnWire() const noexcept {
-    return encapsulatingPacket_ ? encapsulatingPacket_->lengthOnWire() : lengthOnWire_;
+    return parentLayer_ ? parentLayer_->lengthOnWire() : lengthOnWire_;
 }
 
 PXPacketPtr PXPacket::packetFromData(const ByteBuffer&, const PXPacketPtr&, std::uint32_t*) { return nullptr; }
@@ -124,27 +214,16 @@ const PacketClass* PXPacket::packetClassNamed(std::string_view name) {
     return PacketRegistry::shared().classNamed(name);
 }
 
-PXPacketPtr PXPacket::packetWithHeader(const pcap_pkthdr& header, const std::uint8_t* data, int linkLayerType) {
-    const PacketRegistry& registry = PacketRegistry::shared();
-    // One block for the frame: its bytes, then every layer decoded from them.
-    // The layers decode from this copy, so their payloads are sub-ranges of
-    // it rather than copies of their own.
-    detail::FrameArena* arena = detail::FrameArena::create(header.caplen);
-    if (header.caplen) std::memcpy(arena->frameData(), data, header.caplen);
-    detail::FrameArenaScope scope(arena);
+namespace {
 
-    auto owner = std::allocate_shared<FrameBytesOwner>(detail::FrameArenaAllocator<FrameBytesOwner>(arena));
-    auto root = std::allocate_shared<PXPacket>(detail::FrameArenaAllocator<PXPacket>(arena), header);
-    root->rawData_ = ByteBuffer::withSharedStorage(
-        std::shared_ptr<const std::uint8_t>(std::move(owner), arena->frameData()), header.caplen);
-    root->lengthOnWire_ = header.len;
-
-    const ByteBuffer& frame = root->rawData_;
-    PXPacketPtr current = std::move(root);
+// Steps 3 to 5 of the automatic chain, over the root the builder made.
+template <class Builder>
+PXPacketPtr decodeAutomatically(Builder& chain, const PacketRegistry& registry, int linkLayerType) {
+    const ByteBuffer& frame = chain.currentLayer().rawData();
     // The root is a plain PXPacket, so its rules need no asking.
     LayerRules rules{detail::kPXPacketIndex, linkLayerRestriction(linkLayerType)};
     std::size_t offset = 0;
-    for (int depth = 0; depth < kMaxDecodeDepth; ++depth) {
+    for (int depth = 0; depth < PXPacket::kMaxDecodeDepth; ++depth) {
         PacketClassSet candidates = registry.classesAcceptingParent(rules.index);
         if (rules.restriction) candidates &= *rules.restriction;
         if (candidates.empty()) break;
@@ -157,7 +236,7 @@ PXPacketPtr PXPacket::packetWithHeader(const pcap_pkthdr& header, const std::uin
         const PacketClass* decodedBy = nullptr;
         for (const PacketClass& candidate : candidates) {
             consumed = 0;
-            child = candidate.decode(remaining, current, &consumed);
+            child = chain.decode(candidate, remaining, &consumed);
             if (child) {
                 decodedBy = &candidate;
                 break;
@@ -165,15 +244,78 @@ PXPacketPtr PXPacket::packetWithHeader(const pcap_pkthdr& header, const std::uin
         }
         if (!child) break;
         rules = rulesBelow(*child, *decodedBy);
-        descend(current, std::move(child));
+        chain.link(std::move(child));
         if (consumed >= remaining.size()) break;
         offset += consumed;
     }
-    return current;
+    return chain.finish();
+}
+
+// Step 3 of the directed decoder: the classes innermost first, so walked
+// from the last.
+template <class Builder>
+PXPacketPtr decodeClasses(Builder& chain, std::span<const PacketClass* const> classes) {
+    const ByteBuffer& frame = chain.currentLayer().rawData();
+    std::size_t offset = 0;
+    for (auto it = classes.rbegin(); it != classes.rend(); ++it) {
+        const ByteBuffer remaining = frame.borrowedView(offset, frame.size() - offset);
+        std::uint32_t consumed = 0;
+        PXPacketPtr child = chain.decode(**it, remaining, &consumed);
+        if (!child) break;
+        chain.link(std::move(child));
+        if (consumed >= remaining.size()) break;
+        offset += consumed;
+    }
+    return chain.finish();
+}
+
+bool isBuiltIn(const PacketClass& cls) noexcept {
+    const int index = cls.registryIndex();
+    return index >= 0 && index < detail::kBuiltInPacketClassCount;
+}
+
+// Classes whose own members are plain values. In a chain owned as one, the
+// members they inherit are empty too (whatever would fill them gives the
+// layer a count of its own first), so destroying one would do nothing.
+bool ownsNothing(const PXPacket& layer) noexcept {
+    const std::type_info& type = typeid(layer);
+    return &type == &typeid(PXEthernetPacket) || &type == &typeid(PXIPv4Packet) || &type == &typeid(PXIPv6Packet) ||
+           &type == &typeid(PXBSDLoopbackPacket);
+}
+
+}  // namespace
+
+PXPacketPtr PXPacket::packetWithHeader(const pcap_pkthdr& header, const std::uint8_t* data, int linkLayerType) {
+    const PacketRegistry& registry = PacketRegistry::shared();
+    // One block for the frame: its bytes, then every layer decoded from them.
+    // The layers decode from this copy, so their payloads are sub-ranges of
+    // it rather than copies of their own.
+    detail::FrameArena* arena = detail::FrameArena::create(header.caplen);
+    if (header.caplen) std::memcpy(arena->frameData(), data, header.caplen);
+    detail::FrameArenaScope scope(arena);
+
+    auto owner = std::allocate_shared<FrameBytesOwner>(detail::FrameArenaAllocator<FrameBytesOwner>(arena));
+    ByteBuffer bytes = ByteBuffer::withSharedStorage(
+        std::shared_ptr<const std::uint8_t>(std::move(owner), arena->frameData()), header.caplen);
+    auto decode = [&](auto& chain) {
+        PXPacket& root = chain.makeRoot(header);
+        root.rawData_ = std::move(bytes);
+        root.lengthOnWire_ = header.len;
+        return decodeAutomatically(chain, registry, linkLayerType);
+    };
+    // A host's own decoders are handed real shares of their parents, which
+    // they may keep.
+    if (registry.hasOnlyBuiltInClasses()) {
+        detail::LayerChainBuilder chain(arena);
+        return decode(chain);
+    }
+    SeparateLayersBuilder chain(arena);
+    return decode(chain);
 }
 
 PXPacketPtr PXPacket::packetWithRawData(const ByteBuffer& data, std::span<const PacketClass* const> classes,
                                         double timestamp, std::uint32_t lengthOnWire) {
+    bool builtIn = true;
     for (const PacketClass* cls : classes) {
         // Only direct subclasses are accepted, deliberately, like the class
         // lists callers have always passed.
@@ -182,44 +324,111 @@ PXPacketPtr PXPacket::packetWithRawData(const ByteBuffer& data, std::span<const 
             Log::error("Error: Class %s is not a subclass of PXPacket", name.c_str());
             return nullptr;
         }
+        builtIn = builtIn && isBuiltIn(*cls);
     }
 
     detail::FrameArena* arena = detail::FrameArena::create(0);
     detail::FrameArenaScope scope(arena);
-    auto root = std::allocate_shared<PXPacket>(detail::FrameArenaAllocator<PXPacket>(arena));
-    root->timestamp_ = timestamp;
-    root->rawData_ = data;
-    root->lengthOnWire_ = lengthOnWire;
-
-    const ByteBuffer& frame = root->rawData_;
-    PXPacketPtr current = std::move(root);
-    std::size_t offset = 0;
-    for (auto it = classes.rbegin(); it != classes.rend(); ++it) {
-        const ByteBuffer remaining = frame.borrowedView(offset, frame.size() - offset);
-        std::uint32_t consumed = 0;
-        PXPacketPtr child = (*it)->decode(remaining, current, &consumed);
-        if (!child) break;
-        descend(current, std::move(child));
-        if (consumed >= remaining.size()) break;
-        offset += consumed;
+    auto decode = [&](auto& chain) {
+        PXPacket& root = chain.makeRoot();
+        root.timestamp_ = timestamp;
+        root.rawData_ = data;
+        root.lengthOnWire_ = lengthOnWire;
+        return decodeClasses(chain, classes);
+    };
+    if (builtIn) {
+        detail::LayerChainBuilder chain(arena);
+        return decode(chain);
     }
-    return current;
+    SeparateLayersBuilder chain(arena);
+    return decode(chain);
+}
+
+void PXPacket::LayerRelease::operator()(PXPacket* layer) const noexcept {
+    detail::FrameArena* arena = layer->chain_->arena;
+    // Owned layer by layer, each goes alone and lets go of its outer layer
+    // as it does.
+    if (!layer->chain_->whole()) return destroyLayer(arena, layer, true);
+    // Owned as one, the chain goes with its innermost layer; the root and
+    // the innermost layer may own something, the layers between seldom do.
+    PXPacket* outer = layer->parentLayer_;
+    destroyLayer(arena, layer, false);
+    for (layer = outer; layer; layer = outer) {
+        outer = layer->parentLayer_;
+        if (!outer || !ownsNothing(*layer))
+            destroyLayer(arena, layer, false);
+        else if (void* storage = dynamic_cast<void*>(layer); !arena->owns(storage))
+            ::operator delete(storage);
+    }
+}
+
+void PXPacket::destroyLayer(detail::FrameArena* arena, PXPacket* layer, bool counted) noexcept {
+    void* storage = dynamic_cast<void*>(layer);
+    layer->~PXPacket();
+    if (!arena->owns(storage))
+        ::operator delete(storage);
+    else if (counted)
+        arena->release();
+}
+
+void PXPacket::separateLayers(detail::LayerChain& chain) noexcept {
+    int ownership = detail::LayerChain::kWhole;
+    if (!chain.ownership.compare_exchange_strong(ownership, detail::LayerChain::kSeparating,
+                                                 std::memory_order_acquire)) {
+        // Another thread is giving the layers their counts.
+        while (chain.ownership.load(std::memory_order_acquire) != detail::LayerChain::kPerLayer)
+            std::this_thread::yield();
+        return;
+    }
+    // Whoever asks holds the chain, through its innermost layer, so no layer
+    // goes while this runs. Each layer gets the count its inner layer holds;
+    // the innermost already has the one the chain was handed out with.
+    PXPacket* inner = chain.innermost;
+    PXPacketPtr innerShare = std::static_pointer_cast<PXPacket>(inner->ownedShare());
+    // From now on each layer may outlive the others, so each holds the block.
+    for (PXPacket* layer = inner; layer; layer = layer->parentLayer_)
+        if (chain.arena->owns(dynamic_cast<void*>(layer))) chain.arena->retain();
+    while (PXPacket* outer = inner->parentLayer_) {
+        // noexcept: running out of memory here ends the process.
+        PXPacketPtr outerShare(outer, LayerRelease{}, detail::FrameArenaAllocator<PXPacket>(chain.arena));
+        outer->encapsulatedPacket_ = innerShare;
+        inner->encapsulatingPacket_ = outerShare;
+        innerShare = std::move(outerShare);
+        inner = outer;
+    }
+    chain.ownership.store(detail::LayerChain::kPerLayer, std::memory_order_release);
+}
+
+PXPacketPtr PXPacket::shareOf(const PXPacket* layer) {
+    if (layer->chain_ && layer != layer->chain_->innermost) layer->separateFromChain();
+    return std::static_pointer_cast<PXPacket>(const_cast<PXPacket*>(layer)->ownedShare());
+}
+
+void PXPacket::setEncapsulatingPacket(PXPacketPtr parent) noexcept {
+    separateFromChain();
+    parentLayer_ = parent.get();
+    encapsulatingPacket_ = std::move(parent);
+}
+
+void PXPacket::setEncapsulatedPacket(const PXPacketPtr& child) noexcept {
+    separateFromChain();
+    encapsulatedPacket_ = child;
 }
 
 PXPacketPtr PXPacket::rootPacket() const {
     const PXPacket* p = this;
-    while (p->encapsulatingPacket_) p = p->encapsulatingPacket_.get();
-    return std::const_pointer_cast<PXPacket>(std::static_pointer_cast<const PXPacket>(p->shared_from_this()));
+    while (p->parentLayer_) p = p->parentLayer_;
+    return shareOf(p);
 }
 
 PXPacketPtr PXPacket::packetWithProtocol(const PacketClass& cls) const {
     const PXPacket* p = layerWithProtocol(cls);
     if (!p) return nullptr;
-    return std::const_pointer_cast<PXPacket>(std::static_pointer_cast<const PXPacket>(p->shared_from_this()));
+    return shareOf(p);
 }
 
 const PXPacket* PXPacket::layerWithProtocol(const PacketClass& cls) const noexcept {
-    for (const PXPacket* p = this; p; p = p->encapsulatingPacket_.get())
+    for (const PXPacket* p = this; p; p = p->parentLayer_)
         if (p->isKindOf(cls)) return p;
     return nullptr;
 }

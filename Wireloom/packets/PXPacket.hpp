@@ -19,6 +19,7 @@
 #include <Wireloom/core/Object.hpp>
 #include <Wireloom/packets/PacketClass.hpp>
 #include <Wireloom/packets/detail/FrameArena.hpp>
+#include <Wireloom/packets/detail/LayerChain.hpp>
 #include <Wireloom/report/PXReportAnalyzerEntry.hpp>
 
 #include <cstdint>
@@ -31,6 +32,10 @@
 struct pcap_pkthdr;
 
 namespace wireloom {
+
+namespace detail {
+class LayerChainBuilder;
+}
 
 class PXPacket : public Object {
 public:
@@ -56,16 +61,31 @@ public:
     double timestamp() const noexcept;
     void setTimestamp(double timestamp) noexcept { timestamp_ = timestamp; }
     const ByteBuffer& rawData() const noexcept;
-    void setRawData(ByteBuffer data) noexcept { rawData_ = std::move(data); }
+    void setRawData(ByteBuffer data) noexcept {
+        leaveChainBeforeOwning();
+        rawData_ = std::move(data);
+    }
     std::uint32_t lengthOnWire() const noexcept;
     void setLengthOnWire(std::uint32_t length) noexcept { lengthOnWire_ = length; }
     const std::string& interface() const noexcept { return interface_; }
-    void setInterface(std::string name) { interface_ = std::move(name); }
+    void setInterface(std::string name) {
+        leaveChainBeforeOwning();
+        interface_ = std::move(name);
+    }
 
-    PXPacketPtr encapsulatingPacket() const noexcept { return encapsulatingPacket_; }
-    void setEncapsulatingPacket(PXPacketPtr parent) noexcept { encapsulatingPacket_ = std::move(parent); }
-    PXPacketPtr encapsulatedPacket() const noexcept { return encapsulatedPacket_.lock(); }
-    void setEncapsulatedPacket(const PXPacketPtr& child) noexcept { encapsulatedPacket_ = child; }
+    PXPacketPtr encapsulatingPacket() const noexcept {
+        separateFromChain();
+        return encapsulatingPacket_;
+    }
+    void setEncapsulatingPacket(PXPacketPtr parent) noexcept;
+    PXPacketPtr encapsulatedPacket() const noexcept {
+        separateFromChain();
+        return encapsulatedPacket_.lock();
+    }
+    void setEncapsulatedPacket(const PXPacketPtr& child) noexcept;
+    // The outer layer without taking a share of it: for a caller that holds
+    // the chain, on a path run for every frame.
+    const PXPacket* encapsulatingLayer() const noexcept { return parentLayer_; }
 
     // --- Per-class behaviour ----------------------------------------------
 
@@ -81,8 +101,9 @@ public:
     // call builds a new entry.
     virtual std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const;
 
-    // Decoders create their packets with this: while a frame is decoded, the
-    // packet lands in the frame's one heap block with the captured bytes.
+    // Decoders of the host's own classes create their packets with this:
+    // while a frame is decoded, the packet lands in the frame's one heap
+    // block with the captured bytes.
     template <class T>
     static std::shared_ptr<T> newPacket() {
         if (detail::FrameArena* arena = detail::tCurrentFrameArena)
@@ -166,16 +187,59 @@ protected:
     // newPacket for the built-in decoders, whose classes give every member an
     // initializer: it skips the zero-filling of the whole object that
     // newPacket's value-initialisation does first (a rep stos per layer).
+    // While the decode chain runs, the layer is owned by the chain being
+    // built, not by the pointer returned, which takes no share; a decoder
+    // makes at most one layer per call.
     template <class T>
     static std::shared_ptr<T> newLayer() {
+        if (detail::LayerChain* chain = detail::tCurrentLayerChain) {
+            T* layer = ::new (chain->storageFor(sizeof(T), alignof(T))) T;
+            chain->unlinked = layer;
+            return std::shared_ptr<T>(std::shared_ptr<T>(), layer);
+        }
         if (detail::FrameArena* arena = detail::tCurrentFrameArena)
             return std::allocate_shared_for_overwrite<T>(detail::FrameArenaAllocator<T>(arena));
         return std::make_shared_for_overwrite<T>();
     }
 
+protected:
+    // A share of this layer, however it is reached. The chain's layers are
+    // owned as one until the first share of an outer layer is taken (see
+    // detail/LayerChain.hpp); before that, only the innermost layer has a
+    // count of its own.
+    std::shared_ptr<Object> shareOfSelf() override { return shareOf(this); }
+    std::weak_ptr<Object> weakOfSelf() noexcept override {
+        separateFromChain();
+        return Object::weakOfSelf();
+    }
+
 private:
+    friend class detail::LayerChainBuilder;
+    // The deleter of the counts a chain's layers get: see LayerChain.
+    struct LayerRelease {
+        void operator()(PXPacket* layer) const noexcept;
+    };
+    // `counted`: the layer holds a reference to the frame's block of its own.
+    static void destroyLayer(detail::FrameArena* arena, PXPacket* layer, bool counted) noexcept;
+    void separateFromChain() const noexcept {
+        if (chain_ && chain_->whole()) separateLayers(*chain_);
+    }
+    static void separateLayers(detail::LayerChain& chain) noexcept;
+    // A chain owned as one drops its middle link and network layers without
+    // destroying them, since they own nothing (see LayerRelease); one given
+    // something to own gets a count of its own first.
+    void leaveChainBeforeOwning() const noexcept {
+        if (chain_ && chain_->innermost && this != chain_->innermost && parentLayer_ && chain_->whole())
+            separateLayers(*chain_);
+    }
+    static PXPacketPtr shareOf(const PXPacket* layer);
+
     static PacketClass kClass;
 
+    // The outer layer, which encapsulatingPacket_ owns once the layers are
+    // owned one by one; walking outward reads this, which never changes.
+    PXPacket* parentLayer_ = nullptr;
+    detail::LayerChain* chain_ = nullptr;  // set for layers the decode chain made
     double timestamp_ = 0;
     ByteBuffer rawData_;
     PXPacketPtr encapsulatingPacket_;

@@ -37,10 +37,10 @@ void PXRTPPacket::appendDescription(std::string& out) const {
 std::shared_ptr<PXReportAnalyzerEntry> PXRTPPacket::reportAnalyzerEntry() const {
     auto entry = PXReportAnalyzerEntry::entry();
     // The ports are the UDP layer's, the addresses its IP layer's.
-    const PXPacketPtr udpLayer = encapsulatingPacket();
-    const auto* udp = dynamic_cast<const PXUDPPacket*>(udpLayer.get());
-    const PXPacketPtr ip = udpLayer ? udpLayer->encapsulatingPacket() : nullptr;
-    detail::setTransportTitle(*entry, "RTP ", udp ? ip.get() : nullptr, udp ? udp->sourcePort() : 0,
+    const PXPacket* udpLayer = encapsulatingLayer();
+    const auto* udp = dynamic_cast<const PXUDPPacket*>(udpLayer);
+    const PXPacket* ip = udpLayer ? udpLayer->encapsulatingLayer() : nullptr;
+    detail::setTransportTitle(*entry, "RTP ", udp ? ip : nullptr, udp ? udp->sourcePort() : 0,
                               udp ? udp->destPort() : 0);
     entry->setValue(sequenceNumber_, "Sequence", 0);
     entry->setValue(rtpTimestamp_, "Timestamp", 0);

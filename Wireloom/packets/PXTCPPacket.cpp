@@ -71,8 +71,7 @@ void PXTCPPacket::appendDescription(std::string& out) const {
 
 std::shared_ptr<PXReportAnalyzerEntry> PXTCPPacket::reportAnalyzerEntry() const {
     auto entry = PXReportAnalyzerEntry::entry();
-    const PXPacketPtr ip = encapsulatingPacket();
-    detail::setTransportTitle(*entry, "TCP ", ip.get(), sourcePort_, destPort_);
+    detail::setTransportTitle(*entry, "TCP ", encapsulatingLayer(), sourcePort_, destPort_);
     entry->setValue(sourcePort_, "Source Port", 0);
     entry->setValue(destPort_, "Destination Port", 0);
     entry->setValue(seqNumber_, "Seq", 0);

@@ -42,8 +42,7 @@ void PXUDPPacket::appendDescription(std::string& out) const {
 
 std::shared_ptr<PXReportAnalyzerEntry> PXUDPPacket::reportAnalyzerEntry() const {
     auto entry = PXReportAnalyzerEntry::entry();
-    const PXPacketPtr ip = encapsulatingPacket();
-    detail::setTransportTitle(*entry, "UDP ", ip.get(), sourcePort_, destPort_);
+    detail::setTransportTitle(*entry, "UDP ", encapsulatingLayer(), sourcePort_, destPort_);
     entry->setValue(sourcePort_, "Source Port", 0);
     entry->setValue(destPort_, "Destination Port", 0);
     entry->setValue(payloadSize_, "Payload Size", 0);

@@ -88,7 +88,7 @@ TEST(PacketChain, DescriptionsKeepTheirFormats) {
     EXPECT_EQ(packet->rootPacket()->name(), "Generic Packet");
 }
 
-TEST(PacketChain, InnermostPacketKeepsTheWholeFrameAlive) {
+TEST(PacketChain, InnerLayersKeepOuterOnesAliveNotTheReverse) {
     std::weak_ptr<PXPacket> root, ethernetLayer;
     {
         PXPacketPtr packet = decode(httpSegment());
@@ -99,6 +99,31 @@ TEST(PacketChain, InnermostPacketKeepsTheWholeFrameAlive) {
     }
     EXPECT_TRUE(root.expired());
     EXPECT_TRUE(ethernetLayer.expired());
+
+    // An outer layer held alone lets the inner ones go, whichever way it
+    // was reached, and its bytes outlive the layer they came from.
+    enum Way { kOutward, kFromRoot, kAsObject, kWeakAsObject };
+    for (Way way : {kOutward, kFromRoot, kAsObject, kWeakAsObject}) {
+        PXPacketPtr packet = decode(httpSegment());
+        const std::weak_ptr<PXPacket> tcpLayer = packet;
+        // Generic code sees only an Object, reached through a raw reference.
+        Object& ipObject = const_cast<PXIPv4Packet&>(*packet->layerWithProtocol<PXIPv4Packet>());
+        PXPacketPtr ip;
+        switch (way) {
+        case kOutward: ip = packet->encapsulatingPacket(); break;
+        case kFromRoot: ip = packet->rootPacket()->encapsulatedPacket()->encapsulatedPacket(); break;
+        case kAsObject: ip = std::static_pointer_cast<PXPacket>(ipObject.shared_from_this()); break;
+        case kWeakAsObject: ip = std::static_pointer_cast<PXPacket>(ipObject.weak_from_this().lock()); break;
+        }
+        ASSERT_EQ(ip.get(), &ipObject) << way;
+        const ByteBuffer payload = std::static_pointer_cast<PXTCPPacket>(packet)->payload();
+        packet.reset();
+        EXPECT_TRUE(tcpLayer.expired()) << way;
+        EXPECT_FALSE(ip->encapsulatedPacket()) << way;
+        EXPECT_EQ(ip->encapsulatingPacket()->encapsulatedPacket(), ip) << way;
+        ip.reset();
+        EXPECT_EQ(payload.stringView(), "GET / HTTP/1.1\r\n\r\n");
+    }
 }
 
 TEST(PacketChain, LinkTypeChoosesTheFirstLayer) {

@@ -23,9 +23,9 @@ bool FlowEndpoints::carriesEndpoints(const PXPacket& packet, std::uint16_t sourc
                (sourcePort == endpoint1Port_ && destPort == endpoint0Port_ && source == endpoint1Address_ &&
                 dest == endpoint0Address_);
     };
-    if (auto v6 = packet.packetWithProtocol<PXIPv6Packet>(); v6 && matches(v6->sourceAddress(), v6->destAddress()))
+    if (auto v6 = packet.layerWithProtocol<PXIPv6Packet>(); v6 && matches(v6->sourceAddress(), v6->destAddress()))
         return true;
-    auto v4 = packet.packetWithProtocol<PXIPv4Packet>();
+    auto v4 = packet.layerWithProtocol<PXIPv4Packet>();
     return v4 && matches(v4->sourceAddress(), v4->destAddress());
 }
 

@@ -6,9 +6,10 @@
 //
 // The block lives as long as anything allocated in it: each allocation holds
 // one reference, released when its shared_ptr control block goes away (weak
-// references included). The builder holds a large bias while it decodes, so
-// counting the allocations made during the decode is plain arithmetic; the
-// bias is settled once at the end.
+// references included); what is allocated unreferenced is kept alive by
+// something else in the block (see LayerChain). The builder holds a large
+// bias while it decodes, so counting the allocations made during the decode
+// is plain arithmetic; the bias is settled once at the end.
 
 #include <ext/atomicity.h>
 
@@ -35,11 +36,9 @@ public:
 
     // Memory from the arena, or null when it is full or sealed.
     void* allocate(std::size_t bytes, std::size_t alignment) noexcept {
-        std::size_t start = (next_ + alignment - 1) & ~(alignment - 1);
-        if (start + bytes > end_) return nullptr;
-        next_ = start + bytes;
-        ++pendingReferences_;
-        return reinterpret_cast<std::uint8_t*>(this) + start;
+        void* p = allocateUnreferenced(bytes, alignment);
+        if (p) ++pendingReferences_;
+        return p;
     }
     // Memory that no allocator will give back, for what is reached only
     // through something else the block holds: text decoded from the captured
@@ -60,6 +59,8 @@ public:
         auto base = reinterpret_cast<std::uintptr_t>(this);
         return address >= base && address < base + end_;
     }
+    // Another holder of the block, after the decode.
+    void retain() noexcept { __gnu_cxx::__atomic_add_dispatch(&references_, 1); }
     void release() noexcept {
         // The same dispatch shared_ptr uses for its counts: a plain decrement
         // while the process has a single thread, an atomic one otherwise.

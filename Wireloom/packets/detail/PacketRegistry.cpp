@@ -2,6 +2,7 @@
 #include <Wireloom/packets/PXPacket.hpp>
 #include <Wireloom/packets/detail/PacketRegistry.hpp>
 
+#include <algorithm>
 #include <mutex>
 
 namespace wireloom::detail {
@@ -46,6 +47,13 @@ PacketRegistry::PacketRegistry() {
     // PXPacket gets an index so that sets can name it as a parent, but it is
     // not one of the packet classes: it is only ever the root.
     list.insert(list.begin(), &PXPacket::staticClass());
+    // A host may register its classes before anything asks for the built-in
+    // ones, which must still come first, at their fixed positions.
+    const auto fixedIndex = [](const PacketClass* cls) { return cls->index_.load(std::memory_order_relaxed); };
+    std::stable_sort(list.begin(), list.end(), [&](const PacketClass* a, const PacketClass* b) {
+        const unsigned left = static_cast<unsigned>(fixedIndex(a)), right = static_cast<unsigned>(fixedIndex(b));
+        return left < right;  // -1, unfixed, sorts last
+    });
     for (const PacketClass* cls : list) {
         WL_ASSERT(classes_.size() < static_cast<std::size_t>(PacketClassSet::kCapacity), "Too many packet classes");
         const int index = static_cast<int>(classes_.size());

@@ -27,6 +27,9 @@ public:
         return parentIndex < 0 ? acceptingAnyParent_ : acceptingParent_[static_cast<std::size_t>(parentIndex)];
     }
 
+    // True unless the host registered classes of its own.
+    bool hasOnlyBuiltInClasses() const noexcept { return all_.bits_ >> kBuiltInPacketClassCount == 0; }
+
 private:
     PacketRegistry();
     std::vector<const PacketClass*> classes_;
