@@ -30,14 +30,19 @@ std::optional<PacketClassSet> PXBSDLoopbackPacket::restrictedChildProtocols() co
     return detail::childClassesForLoopbackFamily(payloadType_);
 }
 
-PXPacketPtr PXBSDLoopbackPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
+PXPacketPtr PXBSDLoopbackPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent,
+                                                std::uint32_t* consumed) {
+    return decodeLayer<PXBSDLoopbackPacket>(data, parent, consumed);
+}
+
+bool PXBSDLoopbackPacket::readHeader(PXBSDLoopbackPacket& layer, const ByteBuffer& data, const PXPacket*,
+                                     std::uint32_t* consumed) {
     detail::ByteReader r(data.span());
-    std::uint32_t family = r.readHost<std::uint32_t>();
-    if (!r) return nullptr;
-    auto packet = newLayer<PXBSDLoopbackPacket>();
-    packet->payloadType_ = family;
+    const std::uint32_t family = r.readHost<std::uint32_t>();
+    if (!r) return false;
+    layer.payloadType_ = family;
     *consumed = 4;
-    return packet;
+    return true;
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXBSDLoopbackPacket::reportAnalyzerEntry() const {

@@ -26,6 +26,12 @@ public:
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
 
 private:
+    friend class PXPacket;
+    friend class detail::LayerChainBuilder;
+    // Reads the header into a layer already made; false when the bytes are
+    // not of this class (the layer is then dropped).
+    static bool readHeader(PXBSDLoopbackPacket& layer, const ByteBuffer& data, const PXPacket* parent,
+                           std::uint32_t* consumed);
     static PacketClass kClass;
     std::uint32_t payloadType_ = 0;
     std::uint32_t packetType_ = 0;

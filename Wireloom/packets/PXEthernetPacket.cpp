@@ -52,15 +52,20 @@ std::optional<PacketClassSet> PXEthernetPacket::restrictedChildProtocols() const
     return detail::childClassesForEtherType(payloadType_);
 }
 
-PXPacketPtr PXEthernetPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
+PXPacketPtr PXEthernetPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent,
+                                             std::uint32_t* consumed) {
+    return decodeLayer<PXEthernetPacket>(data, parent, consumed);
+}
+
+bool PXEthernetPacket::readHeader(PXEthernetPacket& layer, const ByteBuffer& data, const PXPacket*,
+                                  std::uint32_t* consumed) {
     detail::ByteReader r(data.span());
-    if (!r.has(14)) return nullptr;
-    auto packet = newLayer<PXEthernetPacket>();
-    r.readInto(packet->macDest_.data(), 6);
-    r.readInto(packet->macSource_.data(), 6);
-    packet->payloadType_ = r.readBE<std::uint16_t>();
+    if (!r.has(14)) return false;
+    r.readInto(layer.macDest_.data(), 6);
+    r.readInto(layer.macSource_.data(), 6);
+    layer.payloadType_ = r.readBE<std::uint16_t>();
     *consumed = 14;
-    return packet;
+    return true;
 }
 
 void PXEthernetPacket::appendDescription(std::string& out) const {

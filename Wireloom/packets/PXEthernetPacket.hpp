@@ -35,6 +35,12 @@ public:
     void appendDescription(std::string& out) const override;
 
 private:
+    friend class PXPacket;
+    friend class detail::LayerChainBuilder;
+    // Reads the header into a layer already made; false when the bytes are
+    // not of this class (the layer is then dropped).
+    static bool readHeader(PXEthernetPacket& layer, const ByteBuffer& data, const PXPacket* parent,
+                           std::uint32_t* consumed);
     static PacketClass kClass;
     std::array<std::uint8_t, 6> macSource_{};
     std::array<std::uint8_t, 6> macDest_{};

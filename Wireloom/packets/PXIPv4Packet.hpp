@@ -41,6 +41,12 @@ public:
     std::optional<std::uint32_t> layerPayloadSize() const noexcept override { return payloadSize_; }
 
 private:
+    friend class PXPacket;
+    friend class detail::LayerChainBuilder;
+    // Reads the header into a layer already made; false when the bytes are
+    // not of this class (the layer is then dropped).
+    static bool readHeader(PXIPv4Packet& layer, const ByteBuffer& data, const PXPacket* parent,
+                           std::uint32_t* consumed);
     static PacketClass kClass;
     std::uint32_t payloadSize_ = 0;
     std::uint32_t headerSize_ = 0;

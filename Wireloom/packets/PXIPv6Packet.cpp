@@ -77,32 +77,35 @@ std::optional<PacketClassSet> PXIPv6Packet::restrictedChildProtocols() const {
     return detail::childClassesForIPProtocol(protocol_);
 }
 
-PXPacketPtr PXIPv6Packet::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
+PXPacketPtr PXIPv6Packet::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
+    return decodeLayer<PXIPv6Packet>(data, parent, consumed);
+}
+
+bool PXIPv6Packet::readHeader(PXIPv6Packet& layer, const ByteBuffer& data, const PXPacket*, std::uint32_t* consumed) {
     detail::ByteReader r(data.span());
     const auto length = static_cast<std::uint32_t>(data.size());
-    if (length < 40) return nullptr;
+    if (length < 40) return false;
     const std::uint32_t payloadLength = r.peekBEAt<std::uint16_t>(4);
-    if (length < payloadLength + 40 || r.peekBEAt<std::uint8_t>(0) >> 4 != 6) return nullptr;
+    if (length < payloadLength + 40 || r.peekBEAt<std::uint8_t>(0) >> 4 != 6) return false;
 
     std::uint32_t offset = 40;
     std::uint8_t type = r.peekBEAt<std::uint8_t>(6);
     while (offset < length && !isUpperLayer(type)) {
         auto step = extensionStep(type, 0);
-        if (!step || step->needs > length - offset) return nullptr;
+        if (!step || step->needs > length - offset) return false;
         step = extensionStep(type, r.peekBEAt<std::uint8_t>(offset + 1));
         type = r.peekBEAt<std::uint8_t>(offset);
         offset += step->advance;
     }
-    if (offset > length || offset > payloadLength + 40) return nullptr;
+    if (offset > length || offset > payloadLength + 40) return false;
 
-    auto packet = newLayer<PXIPv6Packet>();
-    packet->protocol_ = type;
-    packet->payloadSize_ = payloadLength + 40 - offset;
+    layer.protocol_ = type;
+    layer.payloadSize_ = payloadLength + 40 - offset;
     r.seek(8);
-    r.readInto(packet->sourceAddress_, 16);
-    r.readInto(packet->destAddress_, 16);
+    r.readInto(layer.sourceAddress_, 16);
+    r.readInto(layer.destAddress_, 16);
     *consumed = offset;
-    return packet;
+    return true;
 }
 
 void PXIPv6Packet::appendDescription(std::string& out) const {

@@ -1,3 +1,4 @@
+#include <Wireloom/core/Assert.hpp>
 #include <Wireloom/core/Log.hpp>
 #include <Wireloom/packets/PXBSDLoopbackPacket.hpp>
 #include <Wireloom/packets/PXEthernetPacket.hpp>
@@ -16,7 +17,6 @@
 #include <cstring>
 #include <limits>
 #include <thread>
-#include <typeinfo>
 
 namespace wireloom {
 
@@ -50,20 +50,29 @@ public:
     PXPacket& makeRoot(Args&&... args) {
         auto* root = ::new (chain_->storageFor(sizeof(PXPacket), alignof(PXPacket))) PXPacket(args...);
         root->chain_ = chain_;
-        setCurrent(root);
+        root->builtIn_ = true;
+        current_ = root;
         return *root;
     }
     const PXPacket& currentLayer() const noexcept { return *current_; }
-    PXPacketPtr decode(const PacketClass& cls, const ByteBuffer& data, std::uint32_t* consumed) {
-        PXPacketPtr child = cls.decode(data, currentPtr_, consumed);
-        if (chain_->unlinked != child.get()) discardUnlinked();
-        chain_->unlinked = nullptr;
-        return child;
+    // The new layer, not linked yet, or null. The built-in classes are read
+    // straight into the chain's storage; any other class goes through its
+    // public decoder, which makes its layer in the chain too (newLayer).
+    PXPacket* decode(const PacketClass& cls, const ByteBuffer& data, std::uint32_t* consumed) {
+        switch (cls.registryIndex()) {
+        case kPXEthernetPacketIndex: return decodeBuiltIn<PXEthernetPacket>(data, consumed, true);
+        case kPXBSDLoopbackPacketIndex: return decodeBuiltIn<PXBSDLoopbackPacket>(data, consumed, true);
+        case kPXIPv4PacketIndex: return decodeBuiltIn<PXIPv4Packet>(data, consumed, true);
+        case kPXIPv6PacketIndex: return decodeBuiltIn<PXIPv6Packet>(data, consumed, true);
+        case kPXTCPPacketIndex: return decodeBuiltIn<PXTCPPacket>(data, consumed, false);
+        case kPXUDPPacketIndex: return decodeBuiltIn<PXUDPPacket>(data, consumed, false);
+        default: return decodeOther(cls, data, consumed);
+        }
     }
-    void link(PXPacketPtr&& child) noexcept {
+    void link(PXPacket* child) noexcept {
         child->parentLayer_ = current_;
         child->chain_ = chain_;
-        setCurrent(child.get());
+        current_ = child;
     }
     PXPacketPtr finish() {
         chain_->innermost = current_;
@@ -73,10 +82,22 @@ public:
     }
 
 private:
-    void setCurrent(PXPacket* layer) noexcept {
-        current_ = layer;
-        // The parent handed to decoders takes no share: they only read it.
-        currentPtr_ = PXPacketPtr(PXPacketPtr(), layer);
+    template <class T>
+    PXPacket* decodeBuiltIn(const ByteBuffer& data, std::uint32_t* consumed, bool ownsNothing) {
+        T* layer = ::new (chain_->storageFor(sizeof(T), alignof(T))) T;
+        layer->builtIn_ = true;
+        layer->ownsNothing_ = ownsNothing;
+        if (T::readHeader(*layer, data, current_, consumed)) return layer;
+        PXPacket::destroyLayer(chain_->arena, layer, false);
+        return nullptr;
+    }
+    PXPacket* decodeOther(const PacketClass& cls, const ByteBuffer& data, std::uint32_t* consumed) {
+        // The parent handed over takes no share: decoders only read it.
+        PXPacketPtr child = cls.decode(data, PXPacketPtr(PXPacketPtr(), current_), consumed);
+        if (chain_->unlinked != child.get()) discardUnlinked();
+        chain_->unlinked = nullptr;
+        WL_ASSERT(child.use_count() == 0, "A built-in decoder made its layer outside the chain");
+        return child.get();
     }
     void discardUnlinked() noexcept {
         if (chain_->unlinked) PXPacket::destroyLayer(chain_->arena, chain_->unlinked, false);
@@ -86,7 +107,6 @@ private:
     LayerChain* chain_;
     LayerChain* previous_;
     PXPacket* current_ = nullptr;
-    PXPacketPtr currentPtr_;
     bool finished_ = false;
 };
 
@@ -231,7 +251,8 @@ PXPacketPtr decodeAutomatically(Builder& chain, const PacketRegistry& registry, 
         // Each layer sees the rest of the frame as a view that costs no
         // reference counting; what a layer keeps of it owns its bytes.
         const ByteBuffer remaining = frame.borrowedView(offset, frame.size() - offset);
-        PXPacketPtr child;
+        // A raw layer from the chain owned as one, a share from the other.
+        decltype(chain.decode(PXPacket::staticClass(), remaining, nullptr)) child{};
         std::uint32_t consumed = 0;
         const PacketClass* decodedBy = nullptr;
         for (const PacketClass& candidate : candidates) {
@@ -260,7 +281,7 @@ PXPacketPtr decodeClasses(Builder& chain, std::span<const PacketClass* const> cl
     for (auto it = classes.rbegin(); it != classes.rend(); ++it) {
         const ByteBuffer remaining = frame.borrowedView(offset, frame.size() - offset);
         std::uint32_t consumed = 0;
-        PXPacketPtr child = chain.decode(**it, remaining, &consumed);
+        auto child = chain.decode(**it, remaining, &consumed);
         if (!child) break;
         chain.link(std::move(child));
         if (consumed >= remaining.size()) break;
@@ -272,15 +293,6 @@ PXPacketPtr decodeClasses(Builder& chain, std::span<const PacketClass* const> cl
 bool isBuiltIn(const PacketClass& cls) noexcept {
     const int index = cls.registryIndex();
     return index >= 0 && index < detail::kBuiltInPacketClassCount;
-}
-
-// Classes whose own members are plain values. In a chain owned as one, the
-// members they inherit are empty too (whatever would fill them gives the
-// layer a count of its own first), so destroying one would do nothing.
-bool ownsNothing(const PXPacket& layer) noexcept {
-    const std::type_info& type = typeid(layer);
-    return &type == &typeid(PXEthernetPacket) || &type == &typeid(PXIPv4Packet) || &type == &typeid(PXIPv6Packet) ||
-           &type == &typeid(PXBSDLoopbackPacket);
 }
 
 }  // namespace
@@ -355,15 +367,15 @@ void PXPacket::LayerRelease::operator()(PXPacket* layer) const noexcept {
     destroyLayer(arena, layer, false);
     for (layer = outer; layer; layer = outer) {
         outer = layer->parentLayer_;
-        if (!outer || !ownsNothing(*layer))
+        if (!outer || !layer->ownsNothing_)
             destroyLayer(arena, layer, false);
-        else if (void* storage = dynamic_cast<void*>(layer); !arena->owns(storage))
-            ::operator delete(storage);
+        else if (!arena->owns(layer))
+            ::operator delete(layer);  // a built-in layer starts its storage
     }
 }
 
 void PXPacket::destroyLayer(detail::FrameArena* arena, PXPacket* layer, bool counted) noexcept {
-    void* storage = dynamic_cast<void*>(layer);
+    void* storage = layer->builtIn_ ? static_cast<void*>(layer) : dynamic_cast<void*>(layer);
     layer->~PXPacket();
     if (!arena->owns(storage))
         ::operator delete(storage);

@@ -213,6 +213,15 @@ protected:
         return Object::weakOfSelf();
     }
 
+    // The public decoder of a built-in class: a new layer, filled by the
+    // class's readHeader, or null when the bytes are not of the class.
+    template <class T>
+    static PXPacketPtr decodeLayer(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
+        std::shared_ptr<T> layer = newLayer<T>();
+        if (!T::readHeader(*layer, data, parent.get(), consumed)) return nullptr;
+        return layer;
+    }
+
 private:
     friend class detail::LayerChainBuilder;
     // The deleter of the counts a chain's layers get: see LayerChain.
@@ -245,6 +254,11 @@ private:
     PXPacketPtr encapsulatingPacket_;
     std::weak_ptr<PXPacket> encapsulatedPacket_;
     std::uint32_t lengthOnWire_ = 0;
+    // Set by the chain for a layer it made of exactly a built-in class: the
+    // layer starts its storage, and a link or network layer owns nothing, so
+    // a chain owned as one can let it go without destroying it.
+    bool builtIn_ = false;
+    bool ownsNothing_ = false;
     std::string interface_;
 };
 

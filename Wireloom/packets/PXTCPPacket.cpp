@@ -34,30 +34,34 @@ std::optional<PacketClassSet> PXTCPPacket::allowedParentProtocols() {
 }
 
 PXPacketPtr PXTCPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
-    if (data.size() < 20 || !parent) return nullptr;
+    return decodeLayer<PXTCPPacket>(data, parent, consumed);
+}
+
+bool PXTCPPacket::readHeader(PXTCPPacket& layer, const ByteBuffer& data, const PXPacket* parent,
+                             std::uint32_t* consumed) {
+    if (data.size() < 20 || !parent) return false;
     const std::optional<std::uint32_t> parentPayloadSize = payloadSizeOf(*parent);
-    if (!parentPayloadSize) return nullptr;
+    if (!parentPayloadSize) return false;
 
     detail::ByteReader r(data.span());
-    auto packet = newLayer<PXTCPPacket>();
-    packet->sourcePort_ = r.readBE<std::uint16_t>();
-    packet->destPort_ = r.readBE<std::uint16_t>();
-    packet->seqNumber_ = r.readBE<std::uint32_t>();
-    packet->ackNumber_ = r.readBE<std::uint32_t>();
+    layer.sourcePort_ = r.readBE<std::uint16_t>();
+    layer.destPort_ = r.readBE<std::uint16_t>();
+    layer.seqNumber_ = r.readBE<std::uint32_t>();
+    layer.ackNumber_ = r.readBE<std::uint32_t>();
     const std::uint32_t headerLength = (r.readByte() >> 4) * 4u;
     const std::uint8_t flags = r.readByte();
-    packet->finFlag_ = flags & 0x01;
-    packet->synFlag_ = flags & 0x02;
-    packet->ackFlag_ = flags & 0x10;
+    layer.finFlag_ = flags & 0x01;
+    layer.synFlag_ = flags & 0x02;
+    layer.ackFlag_ = flags & 0x10;
 
-    if (*parentPayloadSize >= headerLength) packet->payloadSize_ = *parentPayloadSize - headerLength;
+    if (*parentPayloadSize >= headerLength) layer.payloadSize_ = *parentPayloadSize - headerLength;
     // The IP layer vouches for its payload size; a parent that does not (a
     // hand-picked class list can put anything above TCP) must still never
     // make the payload reach past the captured bytes.
-    if (headerLength > data.size() || packet->payloadSize_ > data.size() - headerLength) packet->payloadSize_ = 0;
-    packet->payload_ = data.subrange(packet->payloadSize_ ? headerLength : 0, packet->payloadSize_);
+    if (headerLength > data.size() || layer.payloadSize_ > data.size() - headerLength) layer.payloadSize_ = 0;
+    layer.payload_ = data.subrange(layer.payloadSize_ ? headerLength : 0, layer.payloadSize_);
     *consumed = headerLength;
-    return packet;
+    return true;
 }
 
 void PXTCPPacket::appendDescription(std::string& out) const {

@@ -42,6 +42,11 @@ public:
     const ByteBuffer* layerPayload() const noexcept override { return &payload_; }
 
 private:
+    friend class PXPacket;
+    friend class detail::LayerChainBuilder;
+    // Reads the header into a layer already made; false when the bytes are
+    // not of this class (the layer is then dropped).
+    static bool readHeader(PXTCPPacket& layer, const ByteBuffer& data, const PXPacket* parent, std::uint32_t* consumed);
     static PacketClass kClass;
     ByteBuffer payload_;
     std::uint32_t payloadSize_ = 0;

@@ -22,17 +22,20 @@ std::optional<PacketClassSet> PXUDPPacket::restrictedChildProtocols() const {
     return PacketClassSet::ofBuiltIns(detail::kPXMDNSPacketIndex);
 }
 
-PXPacketPtr PXUDPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr&, std::uint32_t* consumed) {
+PXPacketPtr PXUDPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
+    return decodeLayer<PXUDPPacket>(data, parent, consumed);
+}
+
+bool PXUDPPacket::readHeader(PXUDPPacket& layer, const ByteBuffer& data, const PXPacket*, std::uint32_t* consumed) {
     detail::ByteReader r(data.span());
-    if (!r.has(8)) return nullptr;
-    auto packet = newLayer<PXUDPPacket>();
-    packet->sourcePort_ = r.readBE<std::uint16_t>();
-    packet->destPort_ = r.readBE<std::uint16_t>();
+    if (!r.has(8)) return false;
+    layer.sourcePort_ = r.readBE<std::uint16_t>();
+    layer.destPort_ = r.readBE<std::uint16_t>();
     const std::uint32_t udpLength = r.readBE<std::uint16_t>();
-    if (data.size() >= udpLength && udpLength >= 8) packet->payloadSize_ = udpLength - 8;
-    packet->payload_ = data.subrange(packet->payloadSize_ ? 8 : 0, packet->payloadSize_);
+    if (data.size() >= udpLength && udpLength >= 8) layer.payloadSize_ = udpLength - 8;
+    layer.payload_ = data.subrange(layer.payloadSize_ ? 8 : 0, layer.payloadSize_);
     *consumed = 8;
-    return packet;
+    return true;
 }
 
 void PXUDPPacket::appendDescription(std::string& out) const {

@@ -35,6 +35,11 @@ public:
     const ByteBuffer* layerPayload() const noexcept override { return &payload_; }
 
 private:
+    friend class PXPacket;
+    friend class detail::LayerChainBuilder;
+    // Reads the header into a layer already made; false when the bytes are
+    // not of this class (the layer is then dropped).
+    static bool readHeader(PXUDPPacket& layer, const ByteBuffer& data, const PXPacket* parent, std::uint32_t* consumed);
     static constexpr std::uint16_t kMDNSPort = 5353;
     static PacketClass kClass;
     ByteBuffer payload_;
