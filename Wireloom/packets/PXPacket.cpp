@@ -58,7 +58,7 @@ public:
     // The new layer, not linked yet, or null. The built-in classes are read
     // straight into the chain's storage; any other class goes through its
     // public decoder, which makes its layer in the chain too (newLayer).
-    PXPacket* decode(const PacketClass& cls, const ByteBuffer& data, std::uint32_t* consumed) {
+    [[gnu::always_inline]] PXPacket* decode(const PacketClass& cls, const ByteBuffer& data, std::uint32_t* consumed) {
         switch (cls.registryIndex()) {
         case kPXEthernetPacketIndex: return decodeBuiltIn<PXEthernetPacket>(data, consumed, true);
         case kPXBSDLoopbackPacketIndex: return decodeBuiltIn<PXBSDLoopbackPacket>(data, consumed, true);

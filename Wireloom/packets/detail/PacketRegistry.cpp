@@ -81,11 +81,6 @@ PacketRegistry::PacketRegistry() {
     tBuilding = false;
 }
 
-const PacketRegistry& PacketRegistry::shared() {
-    static const PacketRegistry registry;
-    return registry;
-}
-
 bool PacketRegistry::isBuildingOnThisThread() noexcept { return tBuilding; }
 
 const PacketClass* PacketRegistry::classNamed(std::string_view name) const noexcept {

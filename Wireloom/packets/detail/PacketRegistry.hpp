@@ -11,7 +11,11 @@ namespace wireloom::detail {
 
 class PacketRegistry {
 public:
-    static const PacketRegistry& shared();
+    // Inline, so that a decode pays only the test of the guard.
+    static const PacketRegistry& shared() {
+        static const PacketRegistry registry;
+        return registry;
+    }
     // Adds a class to the registry that is about to be built.
     static void addPendingClass(const PacketClass& cls);
     static bool isBuildingOnThisThread() noexcept;
