@@ -87,6 +87,26 @@ public:
                           length, lender_ ? lender_ : this);
     }
 
+    // Makes this buffer a borrowed view of source's [offset, offset + length),
+    // built in place: a borrowed view assigned would own its bytes. For an
+    // object that keeps a view of bytes that something else keeps alive for
+    // at least as long.
+    void borrow(const ByteBuffer& source, std::size_t offset, std::size_t length) noexcept {
+        source.checkRange(offset, length);
+        if (length == 0) {
+            *this = ByteBuffer();
+            return;
+        }
+        storage_ = std::shared_ptr<const std::uint8_t>(std::shared_ptr<const void>(), source.storage_.get() + offset);
+        size_ = length;
+        lender_ = source.lender_ ? source.lender_ : &source;
+    }
+    // A borrowed view becomes an ordinary buffer with its own share of the
+    // storage; any other buffer is left as it is.
+    void stopBorrowing() noexcept {
+        if (lender_) assignFrom(*this);
+    }
+
     // True when both share storage and range (not merely equal bytes).
     bool isSameBuffer(const ByteBuffer& other) const noexcept {
         return storage_.get() == other.storage_.get() && size_ == other.size_;

@@ -416,8 +416,24 @@ PXPacketPtr PXPacket::shareOf(const PXPacket* layer) {
     return std::static_pointer_cast<PXPacket>(const_cast<PXPacket*>(layer)->ownedShare());
 }
 
+void PXPacket::stopInnerLayersBorrowing() noexcept {
+    if (chain_ && chain_->whole()) {
+        // Only the innermost layer is known, and the caller holds it.
+        for (PXPacket* layer = chain_->innermost; layer; layer = layer->parentLayer_) {
+            layer->stopBorrowingBytes();
+            if (layer == this) return;
+        }
+        return;
+    }
+    stopBorrowingBytes();
+    for (PXPacketPtr layer = encapsulatedPacket_.lock(); layer; layer = layer->encapsulatedPacket_.lock())
+        layer->stopBorrowingBytes();
+}
+
 void PXPacket::setEncapsulatingPacket(PXPacketPtr parent) noexcept {
     separateFromChain();
+    // Leaving the root whose bytes the layers from here inward may borrow.
+    if (parentLayer_ && parentLayer_ != parent.get()) stopInnerLayersBorrowing();
     parentLayer_ = parent.get();
     encapsulatingPacket_ = std::move(parent);
 }

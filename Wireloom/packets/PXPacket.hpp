@@ -63,6 +63,7 @@ public:
     const ByteBuffer& rawData() const noexcept;
     void setRawData(ByteBuffer data) noexcept {
         leaveChainBeforeOwning();
+        if (!parentLayer_) stopInnerLayersBorrowing();
         rawData_ = std::move(data);
     }
     std::uint32_t lengthOnWire() const noexcept;
@@ -215,12 +216,20 @@ protected:
 
     // The public decoder of a built-in class: a new layer, filled by the
     // class's readHeader, or null when the bytes are not of the class.
+    // The bytes handed to it are the caller's, so the layer keeps its own
+    // share of whatever it borrowed from them.
     template <class T>
     static PXPacketPtr decodeLayer(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
         std::shared_ptr<T> layer = newLayer<T>();
         if (!T::readHeader(*layer, data, parent.get(), consumed)) return nullptr;
+        layer->T::stopBorrowingBytes();
         return layer;
     }
+    // A layer the chain made may keep borrowed views of the root's bytes (a
+    // payload), which the root outlives as long as the layers stay linked.
+    // Before the root's bytes change, or a layer leaves its chain, each layer
+    // from there inward takes its own share.
+    virtual void stopBorrowingBytes() noexcept {}
 
 private:
     friend class detail::LayerChainBuilder;
@@ -234,6 +243,7 @@ private:
         if (chain_ && chain_->whole()) separateLayers(*chain_);
     }
     static void separateLayers(detail::LayerChain& chain) noexcept;
+    void stopInnerLayersBorrowing() noexcept;
     // A chain owned as one drops its middle link and network layers without
     // destroying them, since they own nothing (see LayerRelease); one given
     // something to own gets a count of its own first.

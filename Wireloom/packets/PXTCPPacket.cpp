@@ -59,7 +59,7 @@ bool PXTCPPacket::readHeader(PXTCPPacket& layer, const ByteBuffer& data, const P
     // hand-picked class list can put anything above TCP) must still never
     // make the payload reach past the captured bytes.
     if (headerLength > data.size() || layer.payloadSize_ > data.size() - headerLength) layer.payloadSize_ = 0;
-    layer.payload_ = data.subrange(layer.payloadSize_ ? headerLength : 0, layer.payloadSize_);
+    layer.payload_.borrow(data, layer.payloadSize_ ? headerLength : 0, layer.payloadSize_);
     *consumed = headerLength;
     return true;
 }

@@ -40,6 +40,7 @@ public:
     void appendDescription(std::string& out) const override;
     std::optional<std::uint32_t> layerPayloadSize() const noexcept override { return payloadSize_; }
     const ByteBuffer* layerPayload() const noexcept override { return &payload_; }
+    void stopBorrowingBytes() noexcept override { payload_.stopBorrowing(); }
 
 private:
     friend class PXPacket;

@@ -33,7 +33,7 @@ bool PXUDPPacket::readHeader(PXUDPPacket& layer, const ByteBuffer& data, const P
     layer.destPort_ = r.readBE<std::uint16_t>();
     const std::uint32_t udpLength = r.readBE<std::uint16_t>();
     if (data.size() >= udpLength && udpLength >= 8) layer.payloadSize_ = udpLength - 8;
-    layer.payload_ = data.subrange(layer.payloadSize_ ? 8 : 0, layer.payloadSize_);
+    layer.payload_.borrow(data, layer.payloadSize_ ? 8 : 0, layer.payloadSize_);
     *consumed = 8;
     return true;
 }

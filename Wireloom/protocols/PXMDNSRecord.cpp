@@ -94,11 +94,10 @@ void PXMDNSRecord::dropKeptResource() noexcept {
 }
 
 void PXMDNSRecord::keepDecodedData(const ByteBuffer& message, std::size_t offset, std::uint16_t length) {
-    // Built in place: a borrowed view assigned would take a share of the
-    // message's bytes, the count this saves. The message outlives the view,
-    // which lies inside it, and any copy of the view owns its share.
-    resourceData_.~ByteBuffer();
-    ::new (static_cast<void*>(&resourceData_)) ByteBuffer(message.borrowedView(offset, length));
+    // A borrowed view: a share of the message's bytes would cost a count.
+    // The message outlives the view, which lies inside it, and any copy of
+    // the view owns its share.
+    resourceData_.borrow(message, offset, length);
     resourceDataOffsetInMessage_ = static_cast<std::int64_t>(offset);
     resourceDataLength_ = length;
 }

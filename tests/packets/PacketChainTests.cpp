@@ -210,6 +210,26 @@ TEST(DirectedDecoder, DecodesRTPFromTheListedClasses) {
     EXPECT_DOUBLE_EQ(rtp->timestamp(), 12.5);
 }
 
+// Layers keep views of the bytes they were decoded from. Here those are the
+// caller's, not the frame's block, so they go as soon as nothing holds them.
+TEST(DirectedDecoder, PayloadsOutliveTheBytesTheRootLetsGo) {
+    const Bytes frame = httpSegment();
+    const std::vector<const PacketClass*> classes = {&PXTCPPacket::staticClass(), &PXIPv4Packet::staticClass(),
+                                                     &PXEthernetPacket::staticClass()};
+    for (bool relink : {false, true}) {
+        PXPacketPtr packet =
+            PXPacket::packetWithRawData(ByteBuffer::copy(frame.data(), frame.size()), classes, 1.0, 100);
+        auto tcp = std::static_pointer_cast<PXTCPPacket>(packet);
+        if (relink) {
+            tcp->setEncapsulatingPacket(std::make_shared<PXPacket>());  // the old chain goes
+        } else {
+            tcp->rootPacket()->setRawData(ByteBuffer::fromString("other bytes"));
+        }
+        EXPECT_EQ(tcp->payload().stringView(), "GET / HTTP/1.1\r\n\r\n") << relink;
+        EXPECT_EQ(ByteBuffer(tcp->payload()).stringView(), "GET / HTTP/1.1\r\n\r\n") << relink;
+    }
+}
+
 TEST(DirectedDecoder, RTPVersionAndLengthChecks) {
     auto decodeRTP = [](Bytes rtpBytes) {
         Bytes frame = udp(1, 2, rtpBytes);
