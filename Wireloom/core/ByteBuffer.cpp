@@ -32,7 +32,7 @@ ByteBuffer ByteBuffer::copy(const void* bytes, std::size_t length) {
     return build(length, [&](std::uint8_t* to) { std::memcpy(to, bytes, length); });
 }
 
-const std::uint8_t* ByteBuffer::data() const noexcept { return storage_ ? storage_.get() : &kEmptyByte; }
+const std::uint8_t* ByteBuffer::emptyBytes() noexcept { return &kEmptyByte; }
 
 std::uint8_t ByteBuffer::operator[](std::size_t index) const noexcept {
     WL_ASSERT(index < size_, "ByteBuffer index out of range");

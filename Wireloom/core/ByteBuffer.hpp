@@ -60,7 +60,7 @@ public:
     }
 
     // Never null, even when empty, so it can be handed to memcpy and friends.
-    const std::uint8_t* data() const noexcept;
+    const std::uint8_t* data() const noexcept { return size_ ? storage_.get() : emptyBytes(); }
     std::size_t size() const noexcept { return size_; }
     bool empty() const noexcept { return size_ == 0; }
     std::span<const std::uint8_t> span() const noexcept { return {data(), size_}; }
@@ -128,6 +128,9 @@ public:
     static ByteBuffer dataWithHexString(std::string_view text);
 
 private:
+    // Out of line, so that the compiler does not take its one byte for the
+    // bounds of every buffer's data.
+    static const std::uint8_t* emptyBytes() noexcept;
     // Uninitialised storage for build(), and where to write it.
     static ByteBuffer allocate(std::size_t length, std::uint8_t** bytes);
     ByteBuffer(std::shared_ptr<const std::uint8_t> storage, std::size_t size,

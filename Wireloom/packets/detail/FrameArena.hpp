@@ -44,10 +44,17 @@ public:
     // through something else the block holds: text decoded from the captured
     // bytes, or objects that an object there destroys with itself (a
     // message's records and resources). It takes no reference of its own.
+    // Every allocation is rounded up to kGrain bytes, so that the next one
+    // starts aligned for any ordinary object without arithmetic.
     void* allocateUnreferenced(std::size_t bytes, std::size_t alignment = 1) noexcept {
-        std::size_t start = (next_ + alignment - 1) & ~(alignment - 1);
-        if (start > end_ || bytes > end_ - start) return nullptr;
-        next_ = start + bytes;
+        std::size_t start = next_;
+        if (alignment > kGrain) [[unlikely]] {
+            start = (start + alignment - 1) & ~(alignment - 1);
+            if (start > end_) return nullptr;
+        }
+        const std::size_t rounded = (bytes + kGrain - 1) & ~(kGrain - 1);
+        if (rounded > end_ - start || rounded < bytes) return nullptr;
+        next_ = start + rounded;
         return reinterpret_cast<std::uint8_t*>(this) + start;
     }
     // What allocateUnreferenced would hand out next, to write in before asking.
@@ -71,9 +78,10 @@ public:
     void seal() noexcept;
 
 private:
+    static constexpr std::size_t kGrain = 8;
     static constexpr _Atomic_word kBuilderBias = 1 << 30;
     FrameArena(std::size_t frameEnd, std::size_t end, bool cacheable) noexcept
-        : next_(frameEnd), end_(end), cacheable_(cacheable) {}
+        : next_((frameEnd + kGrain - 1) & ~(kGrain - 1)), end_(end), cacheable_(cacheable) {}
     void destroy() noexcept;
 
     _Atomic_word references_ = kBuilderBias;
