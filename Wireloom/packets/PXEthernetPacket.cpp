@@ -57,17 +57,6 @@ PXPacketPtr PXEthernetPacket::packetFromData(const ByteBuffer& data, const PXPac
     return decodeLayer<PXEthernetPacket>(data, parent, consumed);
 }
 
-bool PXEthernetPacket::readHeader(PXEthernetPacket& layer, const ByteBuffer& data, const PXPacket*,
-                                  std::uint32_t* consumed) {
-    detail::ByteReader r(data.span());
-    if (!r.has(14)) return false;
-    r.readInto(layer.macDest_.data(), 6);
-    r.readInto(layer.macSource_.data(), 6);
-    layer.payloadType_ = r.readBE<std::uint16_t>();
-    *consumed = 14;
-    return true;
-}
-
 void PXEthernetPacket::appendDescription(std::string& out) const {
     out += "(Eth) MAC ";
     appendMACAddress(out, macSource_.data());

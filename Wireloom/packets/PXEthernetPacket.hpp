@@ -3,6 +3,7 @@
 // link-layer type 1 (DLT_EN10MB). No 802.1Q tag handling: a tagged frame ends
 // here with the payload type 0x8100.
 
+#include <Wireloom/core/detail/ByteReader.hpp>
 #include <Wireloom/packets/PXPacket.hpp>
 
 #include <array>
@@ -46,5 +47,17 @@ private:
     std::array<std::uint8_t, 6> macDest_{};
     std::uint16_t payloadType_ = 0;
 };
+
+// Inline, for the decode chain, which reads every built-in header.
+inline bool PXEthernetPacket::readHeader(PXEthernetPacket& layer, const ByteBuffer& data, const PXPacket*,
+                                         std::uint32_t* consumed) {
+    detail::ByteReader r(data.span());
+    if (!r.has(14)) return false;
+    r.readInto(layer.macDest_.data(), 6);
+    r.readInto(layer.macSource_.data(), 6);
+    layer.payloadType_ = r.readBE<std::uint16_t>();
+    *consumed = 14;
+    return true;
+}
 
 }  // namespace wireloom

@@ -5,6 +5,7 @@
 // its header but reports an empty payload (payloadSize 0), so the transport
 // layer below it is still decoded, with no payload bytes.
 
+#include <Wireloom/core/detail/ByteReader.hpp>
 #include <Wireloom/packets/PXPacket.hpp>
 
 namespace wireloom {
@@ -54,5 +55,36 @@ private:
     std::uint8_t sourceAddress_[4]{};
     std::uint8_t destAddress_[4]{};
 };
+
+// Inline, for the decode chain, which reads every built-in header.
+inline bool PXIPv4Packet::readHeader(PXIPv4Packet& layer, const ByteBuffer& data, const PXPacket*,
+                                     std::uint32_t* consumed) {
+    detail::ByteReader r(data.span());
+    const auto length = static_cast<std::uint32_t>(data.size());
+    if (length < 20) return false;
+    const std::uint8_t versionAndIHL = r.peekBEAt<std::uint8_t>(0);
+    if (versionAndIHL >> 4 != 4) return false;
+    // The header-length check that used to follow compared the captured length
+    // with the IHL word count rather than with IHL * 4; with length >= 20 it
+    // never fires, so an IHL below 5 is accepted and consumes that little.
+    const std::uint32_t headerBytes = (versionAndIHL & 0x0f) * 4u;
+    const std::uint32_t totalLength = r.peekBEAt<std::uint16_t>(2);
+
+    layer.protocol_ = r.peekBEAt<std::uint8_t>(9);
+    if (totalLength >= headerBytes) {
+        layer.payloadSize_ = totalLength - headerBytes;
+        layer.headerSize_ = headerBytes;
+    }
+    if (totalLength > length) {
+        // Cut by the snap length (or lying): the transport layer gets no payload.
+        layer.payloadSize_ = 0;
+        layer.headerSize_ = headerBytes;
+    }
+    r.seek(12);
+    r.readInto(layer.sourceAddress_, 4);
+    r.readInto(layer.destAddress_, 4);
+    *consumed = headerBytes;
+    return true;
+}
 
 }  // namespace wireloom

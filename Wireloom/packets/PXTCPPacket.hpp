@@ -4,7 +4,12 @@
 // so Ethernet padding after a short segment is never mistaken for data. The
 // chain always ends here: stream contents belong to the flows.
 
+#include <Wireloom/core/detail/ByteReader.hpp>
+#include <Wireloom/packets/PXIPv4Packet.hpp>
+#include <Wireloom/packets/PXIPv6Packet.hpp>
 #include <Wireloom/packets/PXPacket.hpp>
+
+#include <typeinfo>
 
 namespace wireloom {
 
@@ -45,6 +50,7 @@ public:
 private:
     friend class PXPacket;
     friend class detail::LayerChainBuilder;
+    static std::optional<std::uint32_t> payloadSizeOf(const PXPacket& parent);
     // Reads the header into a layer already made; false when the bytes are
     // not of this class (the layer is then dropped).
     static bool readHeader(PXTCPPacket& layer, const ByteBuffer& data, const PXPacket* parent, std::uint32_t* consumed);
@@ -59,5 +65,45 @@ private:
     bool synFlag_ = false;
     bool finFlag_ = false;
 };
+
+// The parent's payload size. A parent of exactly a built-in IP class is read
+// directly: the virtual call returns a std::optional through memory, which
+// costs a store-forwarding stall on every segment. The type_info addresses are
+// compared rather than the type_infos: equal addresses prove the type, and a
+// class seen through another copy of its type_info merely takes the call.
+inline std::optional<std::uint32_t> PXTCPPacket::payloadSizeOf(const PXPacket& parent) {
+    const std::type_info& type = typeid(parent);
+    if (&type == &typeid(PXIPv4Packet)) return static_cast<const PXIPv4Packet&>(parent).payloadSize();
+    if (&type == &typeid(PXIPv6Packet)) return static_cast<const PXIPv6Packet&>(parent).payloadSize();
+    return parent.layerPayloadSize();
+}
+
+// Inline, for the decode chain, which reads every built-in header.
+inline bool PXTCPPacket::readHeader(PXTCPPacket& layer, const ByteBuffer& data, const PXPacket* parent,
+                                    std::uint32_t* consumed) {
+    if (data.size() < 20 || !parent) return false;
+    const std::optional<std::uint32_t> parentPayloadSize = payloadSizeOf(*parent);
+    if (!parentPayloadSize) return false;
+
+    detail::ByteReader r(data.span());
+    layer.sourcePort_ = r.readBE<std::uint16_t>();
+    layer.destPort_ = r.readBE<std::uint16_t>();
+    layer.seqNumber_ = r.readBE<std::uint32_t>();
+    layer.ackNumber_ = r.readBE<std::uint32_t>();
+    const std::uint32_t headerLength = (r.readByte() >> 4) * 4u;
+    const std::uint8_t flags = r.readByte();
+    layer.finFlag_ = flags & 0x01;
+    layer.synFlag_ = flags & 0x02;
+    layer.ackFlag_ = flags & 0x10;
+
+    if (*parentPayloadSize >= headerLength) layer.payloadSize_ = *parentPayloadSize - headerLength;
+    // The IP layer vouches for its payload size; a parent that does not (a
+    // hand-picked class list can put anything above TCP) must still never
+    // make the payload reach past the captured bytes.
+    if (headerLength > data.size() || layer.payloadSize_ > data.size() - headerLength) layer.payloadSize_ = 0;
+    layer.payload_.borrow(data, layer.payloadSize_ ? headerLength : 0, layer.payloadSize_);
+    *consumed = headerLength;
+    return true;
+}
 
 }  // namespace wireloom

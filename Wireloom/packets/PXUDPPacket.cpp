@@ -26,18 +26,6 @@ PXPacketPtr PXUDPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
     return decodeLayer<PXUDPPacket>(data, parent, consumed);
 }
 
-bool PXUDPPacket::readHeader(PXUDPPacket& layer, const ByteBuffer& data, const PXPacket*, std::uint32_t* consumed) {
-    detail::ByteReader r(data.span());
-    if (!r.has(8)) return false;
-    layer.sourcePort_ = r.readBE<std::uint16_t>();
-    layer.destPort_ = r.readBE<std::uint16_t>();
-    const std::uint32_t udpLength = r.readBE<std::uint16_t>();
-    if (data.size() >= udpLength && udpLength >= 8) layer.payloadSize_ = udpLength - 8;
-    layer.payload_.borrow(data, layer.payloadSize_ ? 8 : 0, layer.payloadSize_);
-    *consumed = 8;
-    return true;
-}
-
 void PXUDPPacket::appendDescription(std::string& out) const {
     detail::TextWriter(out) << "(UDP) size " << detail::Decimal{payloadSize_} << " bytes, ports "
                             << detail::Decimal{sourcePort_} << "=>" << detail::Decimal{destPort_};

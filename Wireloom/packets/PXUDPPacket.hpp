@@ -4,6 +4,7 @@
 // (multicast DNS); RTP is decoded only on request, through the directed
 // decoder, since nothing in UDP says a datagram carries it.
 
+#include <Wireloom/core/detail/ByteReader.hpp>
 #include <Wireloom/packets/PXPacket.hpp>
 
 namespace wireloom {
@@ -48,5 +49,19 @@ private:
     std::uint16_t sourcePort_ = 0;
     std::uint16_t destPort_ = 0;
 };
+
+// Inline, for the decode chain, which reads every built-in header.
+inline bool PXUDPPacket::readHeader(PXUDPPacket& layer, const ByteBuffer& data, const PXPacket*,
+                                    std::uint32_t* consumed) {
+    detail::ByteReader r(data.span());
+    if (!r.has(8)) return false;
+    layer.sourcePort_ = r.readBE<std::uint16_t>();
+    layer.destPort_ = r.readBE<std::uint16_t>();
+    const std::uint32_t udpLength = r.readBE<std::uint16_t>();
+    if (data.size() >= udpLength && udpLength >= 8) layer.payloadSize_ = udpLength - 8;
+    layer.payload_.borrow(data, layer.payloadSize_ ? 8 : 0, layer.payloadSize_);
+    *consumed = 8;
+    return true;
+}
 
 }  // namespace wireloom
