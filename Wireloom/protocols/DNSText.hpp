@@ -96,16 +96,22 @@ inline FrameArena* arenaHolding(const void* holder) noexcept {
     return arena && arena->owns(holder) ? arena : nullptr;
 }
 
+// Where `text` is kept in the block, when there is one and it has room.
+inline std::optional<std::string_view> keepInFrame(FrameArena* arena, std::string_view text) noexcept {
+    if (!arena || text.empty()) return std::nullopt;
+    void* kept = arena->allocateUnreferenced(text.size());
+    if (!kept) return std::nullopt;
+    if (kept != text.data()) std::memcpy(kept, text.data(), text.size());
+    return std::string_view(static_cast<const char*>(kept), text.size());
+}
+
 // Text read out of a message, for an object decoded with it (`holder`): in
 // the frame's block when the holder lies in the block being decoded (see
 // DNSText), else in a block of its own. Text written in frameTextRoom just
 // before, with nothing allocated since, is kept where it is.
 inline DNSText keepDecodedText(const void* holder, std::string_view text) {
-    if (FrameArena* arena = arenaHolding(holder); arena && !text.empty())
-        if (void* kept = arena->allocateUnreferenced(text.size())) {
-            if (kept != text.data()) std::memcpy(kept, text.data(), text.size());
-            return DNSText::borrowedFromFrame({static_cast<const char*>(kept), text.size()});
-        }
+    if (const std::optional<std::string_view> kept = keepInFrame(arenaHolding(holder), text))
+        return DNSText::borrowedFromFrame(*kept);
     return DNSText::owning(text);
 }
 
@@ -120,12 +126,24 @@ inline std::span<char> frameTextRoom(const void* holder) noexcept {
 
 // The name at the cursor of `message`, read straight into where
 // keepDecodedText keeps it for `holder`; absent when it cannot be read. The
-// cursor and count move as for readDomainNameText.
+// cursor and count move as for readDomainNameText. The cache, one per message
+// decoded, holds only text kept in the frame's block, which a holder there
+// can share as it is.
 inline DNSText readDecodedName(const void* holder, std::span<const std::uint8_t> message, ByteReader& cursor,
-                               std::uint32_t& consumed) {
-    DNSNameText name(frameTextRoom(holder));
-    if (!readDomainNameText(message.data(), message.size(), cursor, consumed, name)) return {};
-    return keepDecodedText(holder, name.view());
+                               std::uint32_t& consumed, DNSNameCache* cache = nullptr) {
+    FrameArena* arena = arenaHolding(holder);
+    if (!arena)
+        cache = nullptr;
+    else if (cache)
+        if (const std::optional<std::string_view> known = readKnownName(*cache, cursor, consumed))
+            return DNSText::borrowedFromFrame(*known);
+    DNSNameText name(arena ? frameTextRoom(holder) : std::span<char>());
+    if (!readDomainNameText(message.data(), message.size(), cursor, consumed, name, cache)) return {};
+    if (name.shared()) return DNSText::borrowedFromFrame(name.view());
+    const std::optional<std::string_view> kept = keepInFrame(arena, name.view());
+    if (!kept) return DNSText::owning(name.view());
+    if (cache) cache->keep(*kept);
+    return DNSText::borrowedFromFrame(*kept);
 }
 
 }  // namespace detail

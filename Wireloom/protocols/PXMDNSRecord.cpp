@@ -20,11 +20,11 @@ enum : std::uint16_t { kTypePTR = 12, kTypeTXT = 16, kTypeAAAA = 28, kTypeSRV = 
 
 // The name at a message offset, for the resource that holds it; its
 // consumed count is of no interest.
-DNSText nameAt(std::span<const std::uint8_t> message, std::size_t offset, const void* holder) {
+DNSText nameAt(std::span<const std::uint8_t> message, std::size_t offset, const void* holder, DNSNameCache* names) {
     if (offset > message.size()) return {};
     detail::ByteReader cursor(message.data() + offset, message.size() - offset);
     std::uint32_t consumed = 0;
-    return detail::readDecodedName(holder, message, cursor, consumed);
+    return detail::readDecodedName(holder, message, cursor, consumed, names);
 }
 
 // Room for a resource in the frame's block, when its message lies there.
@@ -128,13 +128,13 @@ T* PXMDNSRecord::newResource(const PXMDNSPacket* holder, Args&&... args) {
 
 void PXMDNSRecord::parseResourceDataWithMessageBody(std::span<const std::uint8_t> message) {
     dropKeptResource();
-    decodeResource(message, nullptr, nullptr);
+    decodeResource(message, nullptr, nullptr, nullptr);
 }
 
 // `kept` is the message buffer the holder keeps, which a resource in the
 // block may borrow from; null with no holder.
 void PXMDNSRecord::decodeResource(std::span<const std::uint8_t> message, const PXMDNSPacket* holder,
-                                  const ByteBuffer* kept) {
+                                  const ByteBuffer* kept, DNSNameCache* names) {
     const auto offset = static_cast<std::size_t>(resourceDataOffsetInMessage_);
     switch (recordType_) {
     case kTypeSRV: {
@@ -147,12 +147,12 @@ void PXMDNSRecord::decodeResource(std::span<const std::uint8_t> message, const P
         srv->setPort(r.readBE<std::uint16_t>());
         // The target may point anywhere in the message, and is read through
         // it rather than within the record's data.
-        srv->setTarget(nameAt(message, offset + 6, srv));
+        srv->setTarget(nameAt(message, offset + 6, srv, names));
         return;
     }
     case kTypePTR: {
         auto* ptr = newResource<PXDNSPTRResource>(holder);
-        ptr->setCanonicalName(nameAt(message, offset, ptr));
+        ptr->setCanonicalName(nameAt(message, offset, ptr, names));
         return;
     }
     case kTypeTXT: {

@@ -70,7 +70,8 @@ private:
     // and lies in the frame's block: the data stays a view of the message,
     // and the resource goes into the block, this record destroying it.
     void keepDecodedData(const ByteBuffer& message, std::size_t offset, std::uint16_t length);
-    void decodeResource(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, const ByteBuffer* kept);
+    void decodeResource(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, const ByteBuffer* kept,
+                        DNSNameCache* names);
     template <class T, class... Args>
     T* keepInBlock(const PXMDNSPacket* holder, Args&&... args);
     template <class T, class... Args>
