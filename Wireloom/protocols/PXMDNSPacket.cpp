@@ -51,10 +51,13 @@ bool PXMDNSPacket::readRecords(const PXMDNSPacket* holder, detail::ByteReader& c
         // else: reading goes on from wherever the name reader stopped.
         record.setRecordName(detail::readDecodedName(holder, message.span(), cursor, consumed, &names));
         if (!cursor.has(10)) return false;
-        record.setRecordType(cursor.readBE<std::uint16_t>());
-        record.setRecordClass(cursor.readBE<std::uint16_t>());
-        record.setTtl(cursor.readBE<std::uint32_t>());
-        const std::uint16_t length = cursor.readBE<std::uint16_t>();
+        // A reader of its own over the four fields, whose bounds the compiler
+        // can see, checks them once rather than field by field.
+        detail::ByteReader fields(cursor.readBytes(10), 10);
+        record.setRecordType(fields.readBE<std::uint16_t>());
+        record.setRecordClass(fields.readBE<std::uint16_t>());
+        record.setTtl(fields.readBE<std::uint32_t>());
+        const std::uint16_t length = fields.readBE<std::uint16_t>();
         consumed += 10;
         if (!cursor.has(length)) return false;
         record.keepDecodedData(message, cursor.offset(), length);
