@@ -128,10 +128,10 @@ bool readNameFrom(const std::uint8_t* messageStart, std::size_t messageLength, d
             if (cache) {
                 // Reading it again would follow as many pointers and find the
                 // same labels.
-                if (const auto known = cache->find(offset);
-                    known && depth + known->pointers <= kDNSNameMaxPointerDepth) {
-                    text.appendKnown(known->text);
-                    depth += known->pointers;
+                if (const DNSNameCache::Known known = cache->find(offset);
+                    known && depth + known.pointers <= kDNSNameMaxPointerDepth) {
+                    text.appendKnown({known.text, known.size});
+                    depth += known.pointers;
                     read = true;
                     break;
                 }

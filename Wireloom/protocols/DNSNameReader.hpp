@@ -84,14 +84,19 @@ public:
     DNSNameCache(const DNSNameCache&) = delete;
     DNSNameCache& operator=(const DNSNameCache&) = delete;
 
+    // Plain fields, empty text for a name not known: wrapped in optionals
+    // they went through the stack in halves and were read back whole, which
+    // stalled the loads.
     struct Known {
-        std::string_view text;
+        const char* text;
+        std::uint32_t size;
         int pointers;
+        explicit operator bool() const noexcept { return size != 0; }
     };
-    std::optional<Known> find(std::size_t offset) const noexcept {
+    Known find(std::size_t offset) const noexcept {
         const std::size_t slot = offset % kSlots;
-        if (offsets_[slot] != offset) return std::nullopt;
-        return Known{{texts_[slot], sizes_[slot]}, pointers_[slot]};
+        if (offsets_[slot] != offset) return {};
+        return {texts_[slot], sizes_[slot], pointers_[slot]};
     }
 
     void startRead() noexcept { marks_ = 0; }
@@ -131,21 +136,21 @@ bool readDomainNameText(const std::uint8_t* messageStart, std::size_t messageLen
 
 // The name at the cursor when it is nothing but a pointer to a name the
 // cache knows, as readDomainNameText would read it (moving the cursor and
-// count past the pointer); nothing, and nothing moved, otherwise. Most
+// count past the pointer); empty, and nothing moved, otherwise. Most
 // owner names in a response are such a pointer: this reads them without
 // setting up a walk.
-inline std::optional<std::string_view> readKnownName(const DNSNameCache& cache, detail::ByteReader& cursor,
-                                                     std::uint32_t& consumed) noexcept {
-    if (!cursor.has(2)) return std::nullopt;
+inline std::string_view readKnownName(const DNSNameCache& cache, detail::ByteReader& cursor,
+                                      std::uint32_t& consumed) noexcept {
+    if (!cursor.has(2)) return {};
     const std::uint8_t* p = cursor.data() + cursor.offset();
-    if ((p[0] & 0xC0) != 0xC0) return std::nullopt;
+    if ((p[0] & 0xC0) != 0xC0) return {};
     // Only offsets inside the message are known, and this pointer is the
     // read's first: one deep.
     const auto known = cache.find(static_cast<std::size_t>(p[0] & 0x3F) << 8 | p[1]);
-    if (!known || 1 + known->pointers > kDNSNameMaxPointerDepth) return std::nullopt;
+    if (!known || 1 + known.pointers > kDNSNameMaxPointerDepth) return {};
     cursor.skip(2);
     consumed += 2;
-    return known->text;
+    return {known.text, known.size};
 }
 
 // On failure the cursor is left where reading stopped: after the length byte

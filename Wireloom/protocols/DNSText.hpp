@@ -135,8 +135,8 @@ inline DNSText readDecodedName(const void* holder, std::span<const std::uint8_t>
     if (!arena)
         cache = nullptr;
     else if (cache)
-        if (const std::optional<std::string_view> known = readKnownName(*cache, cursor, consumed))
-            return DNSText::borrowedFromFrame(*known);
+        if (const std::string_view known = readKnownName(*cache, cursor, consumed); !known.empty())
+            return DNSText::borrowedFromFrame(known);
     DNSNameText name(arena ? frameTextRoom(holder) : std::span<char>());
     if (!readDomainNameText(message.data(), message.size(), cursor, consumed, name, cache)) return {};
     if (name.shared()) return DNSText::borrowedFromFrame(name.view());

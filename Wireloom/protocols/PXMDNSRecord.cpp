@@ -88,11 +88,6 @@ PXDNSResource::Ptr PXMDNSRecord::resource() const {
     return resource_;
 }
 
-void PXMDNSRecord::dropKeptResource() noexcept {
-    if (keptResource_) std::destroy_at(std::exchange(keptResource_, nullptr));
-    holder_ = nullptr;
-}
-
 void PXMDNSRecord::keepDecodedData(const ByteBuffer& message, std::size_t offset, std::uint16_t length) {
     // Built in place: a borrowed view assigned would take a share of the
     // message's bytes, the count this saves. The message outlives the view,

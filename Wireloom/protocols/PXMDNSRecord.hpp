@@ -9,9 +9,11 @@
 #include <Wireloom/protocols/PXDNSResource.hpp>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string_view>
+#include <utility>
 
 namespace wireloom {
 
@@ -76,7 +78,11 @@ private:
     T* keepInBlock(const PXMDNSPacket* holder, Args&&... args);
     template <class T, class... Args>
     T* newResource(const PXMDNSPacket* holder, Args&&... args);
-    void dropKeptResource() noexcept;
+    // Inline: it runs for every record a message destroys.
+    void dropKeptResource() noexcept {
+        if (keptResource_) std::destroy_at(std::exchange(keptResource_, nullptr));
+        holder_ = nullptr;
+    }
 
     DNSText recordName_;
     ByteBuffer resourceData_;
