@@ -49,7 +49,7 @@ bool PXMDNSPacket::readRecords(const PXMDNSPacket* holder, detail::ByteReader& c
         PXMDNSRecord& record = records.emplace_back();
         // Unlike a question's, a record's unreadable name spoils nothing
         // else: reading goes on from wherever the name reader stopped.
-        record.setRecordName(detail::readDecodedName(holder, message.span(), cursor, consumed, &names));
+        detail::readDecodedName(record.recordName_, holder, message.span(), cursor, consumed, &names);
         if (!cursor.has(10)) return false;
         // A reader of its own over the four fields, whose bounds the compiler
         // can see, checks them once rather than field by field.

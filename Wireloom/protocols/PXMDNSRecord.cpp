@@ -18,13 +18,14 @@ namespace {
 
 enum : std::uint16_t { kTypePTR = 12, kTypeTXT = 16, kTypeAAAA = 28, kTypeSRV = 33 };
 
-// The name at a message offset, for the resource that holds it; its
+// The name at a message offset, into the resource that holds it; its
 // consumed count is of no interest.
-DNSText nameAt(std::span<const std::uint8_t> message, std::size_t offset, const void* holder, DNSNameCache* names) {
-    if (offset > message.size()) return {};
+void readNameAt(DNSText& name, std::span<const std::uint8_t> message, std::size_t offset, const void* holder,
+                DNSNameCache* names) {
+    if (offset > message.size()) return;
     detail::ByteReader cursor(message.data() + offset, message.size() - offset);
     std::uint32_t consumed = 0;
-    return detail::readDecodedName(holder, message, cursor, consumed, names);
+    detail::readDecodedName(name, holder, message, cursor, consumed, names);
 }
 
 // Room for a resource in the frame's block, when its message lies there.
@@ -142,12 +143,12 @@ void PXMDNSRecord::decodeResource(std::span<const std::uint8_t> message, const P
         srv->setPort(r.readBE<std::uint16_t>());
         // The target may point anywhere in the message, and is read through
         // it rather than within the record's data.
-        srv->setTarget(nameAt(message, offset + 6, srv, names));
+        readNameAt(srv->target_, message, offset + 6, srv, names);
         return;
     }
     case kTypePTR: {
         auto* ptr = newResource<PXDNSPTRResource>(holder);
-        ptr->setCanonicalName(nameAt(message, offset, ptr, names));
+        readNameAt(ptr->canonicalName_, message, offset, ptr, names);
         return;
     }
     case kTypeTXT: {
