@@ -60,12 +60,12 @@ void assertSameNames(const PXMDNSPacket& alone, const PXMDNSPacket& inBlock) {
     auto sections = [](const PXMDNSPacket& packet) {
         return std::array{packet.answerRecords(), packet.authoritativeAnswerRecords(), packet.additionalRecords()};
     };
-    const auto ours = sections(alone), theirs = sections(inBlock);
-    for (std::size_t s = 0; s < ours.size(); ++s) {
-        WL_ASSERT(ours[s].size() == theirs[s].size(), "a section differs");
-        for (std::size_t i = 0; i < ours[s].size(); ++i) {
-            WL_ASSERT(ours[s][i].recordName() == theirs[s][i].recordName(), "a record's name differs");
-            WL_ASSERT(resourceText(ours[s][i]) == resourceText(theirs[s][i]), "a resource's name differs");
+    const auto walked = sections(alone), remembered = sections(inBlock);
+    for (std::size_t s = 0; s < walked.size(); ++s) {
+        WL_ASSERT(walked[s].size() == remembered[s].size(), "a section differs");
+        for (std::size_t i = 0; i < walked[s].size(); ++i) {
+            WL_ASSERT(walked[s][i].recordName() == remembered[s][i].recordName(), "a record's name differs");
+            WL_ASSERT(resourceText(walked[s][i]) == resourceText(remembered[s][i]), "a resource's name differs");
         }
     }
 }
