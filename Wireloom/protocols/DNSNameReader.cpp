@@ -54,6 +54,38 @@ bool DNSNameText::spill(const std::uint8_t* label, std::size_t length) {
     return true;
 }
 
+void DNSNameText::appendKnown(std::string_view known) {
+    if (known.empty()) return;
+    if (size_ == 0) {
+        shared_ = known.data();
+        size_ = known.size();
+        return;
+    }
+    // Checked when it was first read: a dotted run of UTF-8 labels is UTF-8.
+    if (size_ + 1 + known.size() > kInPlace) {
+        spill(reinterpret_cast<const std::uint8_t*>(known.data()), known.size());
+        return;
+    }
+    inPlace_[size_] = '.';
+    std::memcpy(inPlace_ + size_ + 1, known.data(), known.size());
+    size_ += 1 + known.size();
+}
+
+void DNSNameCache::keep(std::string_view text) noexcept {
+    for (std::size_t i = 0; i < marks_; ++i) {
+        const Mark& mark = pending_[i];
+        // What followed the mark, after the dot that joined it.
+        const std::size_t from = mark.textSize + (mark.textSize != 0);
+        if (from >= text.size()) continue;
+        const std::size_t slot = mark.offset % kSlots;
+        offsets_[slot] = static_cast<std::uint16_t>(mark.offset);
+        texts_[slot] = text.data() + from;
+        sizes_[slot] = static_cast<std::uint32_t>(text.size() - from);
+        pointers_[slot] = static_cast<std::uint8_t>(depth_ - mark.depth);
+    }
+    marks_ = 0;
+}
+
 namespace {
 
 // The reading itself, from a depth already reached. It walks the bytes
@@ -61,12 +93,19 @@ namespace {
 // end; a pointer moves the walk into the message, where nothing more is
 // counted and the caller's cursor stays after the pointer.
 bool readNameFrom(const std::uint8_t* messageStart, std::size_t messageLength, detail::ByteReader& cursor,
-                  std::uint32_t& consumed, DNSNameText& text, int depth) {
+                  std::uint32_t& consumed, DNSNameText& text, int depth, DNSNameCache* cache) {
     if (depth > kDNSNameMaxPointerDepth) return false;
     const std::uint8_t* const callerBytes = cursor.data();
     const std::uint8_t* p = callerBytes + cursor.offset();
     const std::uint8_t* end = callerBytes + cursor.size();
     const std::uint8_t* callerStop = nullptr;  // set once a pointer is followed
+    if (cache) {
+        cache->startRead();
+        // Read up to the message's end, the caller's name is what a pointer to
+        // its offset would read.
+        const auto at = reinterpret_cast<std::uintptr_t>(p) - reinterpret_cast<std::uintptr_t>(messageStart);
+        if (messageStart && end == messageStart + messageLength && at < messageLength) cache->mark(at, 0, depth);
+    }
     std::uint32_t counted = 0;
     bool read = false;
     for (;;) {
@@ -86,6 +125,18 @@ bool readNameFrom(const std::uint8_t* messageStart, std::size_t messageLength, d
                 callerStop = p;
             }
             if (offset >= messageLength || ++depth > kDNSNameMaxPointerDepth) break;
+            if (cache) {
+                // Reading it again would follow as many pointers and find the
+                // same labels.
+                if (const DNSNameCache::Known known = cache->find(offset);
+                    known && depth + known.pointers <= kDNSNameMaxPointerDepth) {
+                    text.appendKnown({known.text, known.size});
+                    depth += known.pointers;
+                    read = true;
+                    break;
+                }
+                cache->mark(offset, text.size(), depth);
+            }
             p = messageStart + offset;
             end = messageStart + messageLength;
             continue;
@@ -99,21 +150,22 @@ bool readNameFrom(const std::uint8_t* messageStart, std::size_t messageLength, d
     }
     consumed += counted;
     cursor.seek(static_cast<std::size_t>((callerStop ? callerStop : p) - callerBytes));
+    if (cache && read) cache->finishRead(depth);
     return read;
 }
 
 }  // namespace
 
 bool readDomainNameText(const std::uint8_t* messageStart, std::size_t messageLength, detail::ByteReader& cursor,
-                        std::uint32_t& consumed, DNSNameText& text) {
-    return readNameFrom(messageStart, messageLength, cursor, consumed, text, 0);
+                        std::uint32_t& consumed, DNSNameText& text, DNSNameCache* cache) {
+    return readNameFrom(messageStart, messageLength, cursor, consumed, text, 0, cache);
 }
 
 std::optional<std::string> readFullyQualitifiedDomainName(const std::uint8_t* messageStart, std::size_t messageLength,
                                                           detail::ByteReader& cursor, std::uint32_t& consumed,
                                                           std::string partialName, int depth) {
     DNSNameText text;
-    if (!readNameFrom(messageStart, messageLength, cursor, consumed, text, depth)) return std::nullopt;
+    if (!readNameFrom(messageStart, messageLength, cursor, consumed, text, depth, nullptr)) return std::nullopt;
     if (!partialName.empty() && !text.view().empty()) partialName += '.';
     partialName += text.view();
     return partialName;

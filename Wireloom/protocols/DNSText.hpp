@@ -66,6 +66,15 @@ public:
         return kept;
     }
 
+    // The same in place, for the decoder filling in an object it has just
+    // made: no text to move and none left behind to destroy.
+    void borrowFromFrame(std::string_view text) noexcept {
+        if (!owned_.empty()) owned_ = {};
+        present_ = true;
+        data_ = text.data();
+        size_ = static_cast<std::uint32_t>(text.size());
+    }
+
     bool present() const noexcept { return present_; }
     // "" when absent.
     std::string_view view() const noexcept { return {data_, size_}; }
@@ -96,16 +105,22 @@ inline FrameArena* arenaHolding(const void* holder) noexcept {
     return arena && arena->owns(holder) ? arena : nullptr;
 }
 
+// Where `text` is kept in the block, when there is one and it has room.
+inline std::optional<std::string_view> keepInFrame(FrameArena* arena, std::string_view text) noexcept {
+    if (!arena || text.empty()) return std::nullopt;
+    void* kept = arena->allocateUnreferenced(text.size());
+    if (!kept) return std::nullopt;
+    if (kept != text.data()) std::memcpy(kept, text.data(), text.size());
+    return std::string_view(static_cast<const char*>(kept), text.size());
+}
+
 // Text read out of a message, for an object decoded with it (`holder`): in
 // the frame's block when the holder lies in the block being decoded (see
 // DNSText), else in a block of its own. Text written in frameTextRoom just
 // before, with nothing allocated since, is kept where it is.
 inline DNSText keepDecodedText(const void* holder, std::string_view text) {
-    if (FrameArena* arena = arenaHolding(holder); arena && !text.empty())
-        if (void* kept = arena->allocateUnreferenced(text.size())) {
-            if (kept != text.data()) std::memcpy(kept, text.data(), text.size());
-            return DNSText::borrowedFromFrame({static_cast<const char*>(kept), text.size()});
-        }
+    if (const std::optional<std::string_view> kept = keepInFrame(arenaHolding(holder), text))
+        return DNSText::borrowedFromFrame(*kept);
     return DNSText::owning(text);
 }
 
@@ -119,13 +134,35 @@ inline std::span<char> frameTextRoom(const void* holder) noexcept {
 }
 
 // The name at the cursor of `message`, read straight into where
-// keepDecodedText keeps it for `holder`; absent when it cannot be read. The
-// cursor and count move as for readDomainNameText.
+// keepDecodedText keeps it for `holder`, into `name`, which holds nothing
+// yet; left absent when it cannot be read. The cursor and count move as for
+// readDomainNameText. The cache, one per message decoded, holds only text
+// kept in the frame's block, which a holder there can share as it is.
+inline void readDecodedName(DNSText& name, const void* holder, std::span<const std::uint8_t> message,
+                            ByteReader& cursor, std::uint32_t& consumed, DNSNameCache* cache = nullptr) {
+    FrameArena* arena = arenaHolding(holder);
+    if (!arena)
+        cache = nullptr;
+    else if (cache)
+        if (const std::string_view known = readKnownName(*cache, cursor, consumed); !known.empty())
+            return name.borrowFromFrame(known);
+    DNSNameText text(arena ? frameTextRoom(holder) : std::span<char>());
+    if (!readDomainNameText(message.data(), message.size(), cursor, consumed, text, cache)) return;
+    if (text.shared()) return name.borrowFromFrame(text.view());
+    const std::optional<std::string_view> kept = keepInFrame(arena, text.view());
+    if (!kept) {
+        name = DNSText::owning(text.view());
+        return;
+    }
+    if (cache) cache->keep(*kept);
+    name.borrowFromFrame(*kept);
+}
+
 inline DNSText readDecodedName(const void* holder, std::span<const std::uint8_t> message, ByteReader& cursor,
-                               std::uint32_t& consumed) {
-    DNSNameText name(frameTextRoom(holder));
-    if (!readDomainNameText(message.data(), message.size(), cursor, consumed, name)) return {};
-    return keepDecodedText(holder, name.view());
+                               std::uint32_t& consumed, DNSNameCache* cache = nullptr) {
+    DNSText name;
+    readDecodedName(name, holder, message, cursor, consumed, cache);
+    return name;
 }
 
 }  // namespace detail

@@ -22,6 +22,7 @@ public:
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
 
 private:
+    friend class PXMDNSRecord;  // decodes the name in place
     DNSText canonicalName_;
 };
 

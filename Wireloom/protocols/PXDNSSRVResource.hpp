@@ -29,6 +29,7 @@ public:
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
 
 private:
+    friend class PXMDNSRecord;  // decodes the name in place
     DNSText target_;
     std::uint16_t priority_ = 0;
     std::uint16_t weight_ = 0;

@@ -42,25 +42,28 @@ std::string_view PXMDNSPacket::nameOfRecordType(std::uint16_t type) noexcept {
 
 // Reads `count` records into `records`; false when a field runs short.
 bool PXMDNSPacket::readRecords(const PXMDNSPacket* holder, detail::ByteReader& cursor, std::uint32_t& consumed,
-                               std::uint16_t count, detail::FrameArray<PXMDNSRecord>& records) {
+                               std::uint16_t count, detail::FrameArray<PXMDNSRecord>& records, DNSNameCache& names) {
     const ByteBuffer& message = holder->message_;
     records.reserve(holder, std::min<std::size_t>(count, cursor.remaining() / kSmallestRecord + 1));
     for (std::uint16_t i = 0; i < count; ++i) {
         PXMDNSRecord& record = records.emplace_back();
         // Unlike a question's, a record's unreadable name spoils nothing
         // else: reading goes on from wherever the name reader stopped.
-        record.setRecordName(detail::readDecodedName(holder, message.span(), cursor, consumed));
+        detail::readDecodedName(record.recordName_, holder, message.span(), cursor, consumed, &names);
         if (!cursor.has(10)) return false;
-        record.setRecordType(cursor.readBE<std::uint16_t>());
-        record.setRecordClass(cursor.readBE<std::uint16_t>());
-        record.setTtl(cursor.readBE<std::uint32_t>());
-        const std::uint16_t length = cursor.readBE<std::uint16_t>();
+        // A reader of its own over the four fields, whose bounds the compiler
+        // can see, checks them once rather than field by field.
+        detail::ByteReader fields(cursor.readBytes(10), 10);
+        record.setRecordType(fields.readBE<std::uint16_t>());
+        record.setRecordClass(fields.readBE<std::uint16_t>());
+        record.setTtl(fields.readBE<std::uint32_t>());
+        const std::uint16_t length = fields.readBE<std::uint16_t>();
         consumed += 10;
         if (!cursor.has(length)) return false;
         record.keepDecodedData(message, cursor.offset(), length);
         cursor.skip(length);
         consumed += length;
-        record.decodeResource(message.span(), holder, &message);
+        record.decodeResource(message.span(), holder, &message, &names);
     }
     return true;
 }
@@ -88,11 +91,12 @@ PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketP
     packet->authorityRRC_ = cursor.readBE<std::uint16_t>();
     packet->additionalRRC_ = cursor.readBE<std::uint16_t>();
     std::uint32_t count = kHeaderSize;
+    DNSNameCache names;
 
     packet->questionRecords_.reserve(
         packet.get(), std::min<std::size_t>(packet->questionRRC_, cursor.remaining() / kSmallestQuestion));
     for (std::uint16_t i = 0; i < packet->questionRRC_; ++i) {
-        DNSText name = detail::readDecodedName(packet.get(), message.span(), cursor, count);
+        DNSText name = detail::readDecodedName(packet.get(), message.span(), cursor, count, &names);
         if (!name.present() || !cursor.has(4)) return nullptr;
         PXMDNSQuestion& question = packet->questionRecords_.emplace_back();
         question.setRecordName(std::move(name));
@@ -100,9 +104,9 @@ PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketP
         question.setQuestionClass(cursor.readBE<std::uint16_t>());
         count += 4;
     }
-    if (!readRecords(packet.get(), cursor, count, packet->answerRRC_, packet->answerRecords_) ||
-        !readRecords(packet.get(), cursor, count, packet->authorityRRC_, packet->authorityRecords_) ||
-        !readRecords(packet.get(), cursor, count, packet->additionalRRC_, packet->additionalRecords_))
+    if (!readRecords(packet.get(), cursor, count, packet->answerRRC_, packet->answerRecords_, names) ||
+        !readRecords(packet.get(), cursor, count, packet->authorityRRC_, packet->authorityRecords_, names) ||
+        !readRecords(packet.get(), cursor, count, packet->additionalRRC_, packet->additionalRecords_, names))
         return nullptr;
     *consumed = count;
     return packet;

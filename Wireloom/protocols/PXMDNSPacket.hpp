@@ -87,7 +87,7 @@ private:
     }
 
     static bool readRecords(const PXMDNSPacket* holder, detail::ByteReader& cursor, std::uint32_t& consumed,
-                            std::uint16_t count, detail::FrameArray<PXMDNSRecord>& records);
+                            std::uint16_t count, detail::FrameArray<PXMDNSRecord>& records, DNSNameCache& names);
 
     static PacketClass kClass;
     // The message's bytes: the one share of the frame's that the records'

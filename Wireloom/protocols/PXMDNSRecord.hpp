@@ -9,9 +9,11 @@
 #include <Wireloom/protocols/PXDNSResource.hpp>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string_view>
+#include <utility>
 
 namespace wireloom {
 
@@ -70,12 +72,17 @@ private:
     // and lies in the frame's block: the data stays a view of the message,
     // and the resource goes into the block, this record destroying it.
     void keepDecodedData(const ByteBuffer& message, std::size_t offset, std::uint16_t length);
-    void decodeResource(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, const ByteBuffer* kept);
+    void decodeResource(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, const ByteBuffer* kept,
+                        DNSNameCache* names);
     template <class T, class... Args>
     T* keepInBlock(const PXMDNSPacket* holder, Args&&... args);
     template <class T, class... Args>
     T* newResource(const PXMDNSPacket* holder, Args&&... args);
-    void dropKeptResource() noexcept;
+    // Inline: it runs for every record a message destroys.
+    void dropKeptResource() noexcept {
+        if (keptResource_) std::destroy_at(std::exchange(keptResource_, nullptr));
+        holder_ = nullptr;
+    }
 
     DNSText recordName_;
     ByteBuffer resourceData_;

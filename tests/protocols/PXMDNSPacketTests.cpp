@@ -151,6 +151,42 @@ TEST(DNSNameReader, PointerChainsEndAtDepthOneHundred) {
     EXPECT_FALSE(readName(chain(101), 0));
 }
 
+// Through the chain a message remembers the names it has read, and a pointer
+// to one takes its text. Reached deeper than where it was read, a name must
+// still fail the depth limit exactly where following its pointers would.
+TEST(DNSNameReader, NamesReadOnceFailTheDepthLimitAsWalkingThemWould) {
+    auto pointer = [](std::size_t offset) {
+        Bytes b;
+        appendBE(b, 0xc000 | offset, 2);
+        return b;
+    };
+    // A records whose owner names point into a chain of 100 pointers after
+    // them (each to the next, the last to "x"): entering it k pointers from
+    // its end takes k + 1 pointers in all.
+    const std::size_t chainStart = 112;
+    auto entry = [&](std::size_t k) { return pointer(chainStart + 2 * (100 - k)); };
+    const std::vector<std::pair<Bytes, std::optional<std::string>>> owners = {
+        {entry(99), "x"},                             // 100 pointers
+        {pointer(12), std::nullopt},                  // the first owner's name, one pointer deeper
+        {entry(99), "x"},                             // the first owner's name again
+        {entry(100), std::nullopt},                   // one pointer before where the first entered
+        {Bytes{1, 'y'} + pointer(12), std::nullopt},  // a label, then as the second
+        {Bytes{1, 'y'} + entry(98), "y.x"},           // a label, then part of the first
+    };
+    Bytes message = header(0, 0, static_cast<std::uint16_t>(owners.size()));
+    for (const auto& [owner, name] : owners) message = message + owner + recordFields(1, 120, {10, 0, 0, 1});
+    ASSERT_EQ(message.size(), chainStart);
+    for (std::size_t i = 0; i < 100; ++i) message = message + pointer(chainStart + 2 * i + 2);
+    message = message + Bytes{1, 'x', 0};
+
+    const auto inBlock = decode(mdnsFrame(message))->packetWithProtocol<PXMDNSPacket>();
+    const auto alone = decodeMessage(message);
+    ASSERT_TRUE(inBlock && alone);
+    for (const auto& packet : {inBlock, alone})
+        for (std::size_t i = 0; i < owners.size(); ++i)
+            EXPECT_EQ(packet->answerRecords()[i].recordName(), owners[i].second) << "record " << i;
+}
+
 TEST(DNSNameReader, WithoutAMessageStartHighLengthsAreLabels) {
     Bytes label = Bytes{0xc0} + Bytes(192, 'a') + Bytes{0};
     EXPECT_EQ(readName(label, 0, nullptr, nullptr, false), std::string(192, 'a'));
