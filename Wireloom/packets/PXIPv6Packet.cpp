@@ -5,6 +5,9 @@
 #include <Wireloom/packets/detail/IPProtocols.hpp>
 #include <Wireloom/packets/detail/PacketEntryTitles.hpp>
 
+#include <array>
+#include <cstring>
+
 namespace wireloom {
 
 namespace {
@@ -42,19 +45,37 @@ std::string PXIPv6Packet::stringFromIPv6Address(const std::uint8_t* a) {
     return std::string(text, writeIPv6Address(a, text));
 }
 
+namespace {
+
+// A byte in hex without its leading zero, as printf's %x writes it: the
+// digits are written two at a time and the text advances by their count,
+// so each byte costs a load and a store rather than a branch.
+struct ByteText {
+    char digits[2];
+    std::uint8_t length;
+};
+
+constexpr std::array<ByteText, 256> kByteTexts = [] {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::array<ByteText, 256> table{};
+    for (unsigned byte = 0; byte < 256; ++byte)
+        table[byte] =
+            byte >= 0x10 ? ByteText{{kDigits[byte >> 4], kDigits[byte & 0xf]}, 2} : ByteText{{kDigits[byte], 0}, 1};
+    return table;
+}();
+
+}  // namespace
+
 std::size_t PXIPv6Packet::writeIPv6Address(const std::uint8_t* a, char* out) {
-    static constexpr char kDigits[] = "0123456789abcdef";
+    // The text is at most 39 characters and the room 40, so the second digit
+    // written past the last one still lands inside it.
+    static_assert(kIPv6AddressTextSize >= 8 * 4 + 7 + 1);
     char* text = out;
-    // Each byte in hex without leading zeros, as printf's %x writes it.
-    auto appendHex = [&text](unsigned byte) {
-        if (byte >= 0x10) *text++ = kDigits[byte >> 4];
-        *text++ = kDigits[byte & 0xf];
-    };
     bool pendingZeros = false;
     for (std::size_t i = 0; i < 8; ++i) {
         const unsigned high = a[2 * i];
         const unsigned low = a[2 * i + 1];
-        if (high == 0 && low == 0) {
+        if ((high | low) == 0) {
             pendingZeros = true;
             continue;
         }
@@ -63,9 +84,12 @@ std::size_t PXIPv6Packet::writeIPv6Address(const std::uint8_t* a, char* out) {
             pendingZeros = false;
         }
         // The two bytes written one after the other: the low byte's leading
-        // zero goes (0x20 0x01 reads "201").
-        if (high != 0) appendHex(high);
-        appendHex(low);
+        // zero goes (0x20 0x01 reads "201"), and a zero high byte is
+        // written over.
+        std::memcpy(text, kByteTexts[high].digits, 2);
+        text += high ? kByteTexts[high].length : 0;
+        std::memcpy(text, kByteTexts[low].digits, 2);
+        text += kByteTexts[low].length;
         if (i != 7) *text++ = ':';
     }
     return static_cast<std::size_t>(text - out);

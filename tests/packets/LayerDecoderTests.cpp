@@ -75,6 +75,9 @@ TEST(IPv6, AddressTextFollowsTheLibraryRule) {
     EXPECT_EQ(text("1:0:0:2:0:0:0:3"), "1::2::3");  // every zero run compressed
     EXPECT_EQ(text("ff02::fb"), "ff2::fb");
     EXPECT_EQ(text("fe80::a00:27ff:fe4e:66a1"), "fe80::a0:27ff:fe4e:66a1");
+    // The longest text fills the whole room.
+    EXPECT_EQ(text("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"), "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+    EXPECT_EQ(text("1:203:a0b:1010:fff:f0f:1:f"), "1:23:ab:1010:fff:ff:1:f");
 }
 
 TEST(IPv6, DecodesTransportAndSizes) {
