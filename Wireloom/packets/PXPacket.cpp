@@ -367,10 +367,15 @@ void PXPacket::LayerRelease::operator()(PXPacket* layer) const noexcept {
     destroyLayer(arena, layer, false);
     for (layer = outer; layer; layer = outer) {
         outer = layer->parentLayer_;
-        if (!outer || !layer->ownsNothing_)
+        if (outer && layer->ownsNothing_) {
+            if (!arena->owns(layer)) ::operator delete(layer);  // a built-in layer starts its storage
+        } else if (!outer && layer->builtIn_) {
+            // The root the chain made is a plain PXPacket: no virtual call.
+            layer->PXPacket::~PXPacket();
+            if (!arena->owns(layer)) ::operator delete(layer);
+        } else {
             destroyLayer(arena, layer, false);
-        else if (!arena->owns(layer))
-            ::operator delete(layer);  // a built-in layer starts its storage
+        }
     }
 }
 
