@@ -83,8 +83,11 @@ std::uint64_t forEachFrame(const Workload& workload, Visit visit) {
     return workload.frames();
 }
 
-// What any decoder that keeps its own copy of the frame pays at least.
+// What any decoder that keeps its own copy of the frame pays at least. It asks
+// for the frame's cache lines before copying them, as Wireloom does: a plain
+// memcpy of a frame from memory takes half as long again.
 std::uint64_t copyFrame(const Record& record) {
+    for (std::uint32_t at = 0; at < record.header.caplen; at += 64) __builtin_prefetch(record.data + at);
     std::unique_ptr<std::uint8_t[]> copy(new std::uint8_t[record.header.caplen]);
     std::memcpy(copy.get(), record.data, record.header.caplen);
     return copy[record.header.caplen / 2];
