@@ -16,8 +16,6 @@ namespace wireloom {
 
 namespace {
 
-enum : std::uint16_t { kTypePTR = 12, kTypeTXT = 16, kTypeAAAA = 28, kTypeSRV = 33 };
-
 // The name at a message offset, into the resource that holds it; its
 // consumed count is of no interest.
 void readNameAt(DNSText& name, std::span<const std::uint8_t> message, std::size_t offset, const void* holder,
@@ -89,15 +87,6 @@ PXDNSResource::Ptr PXMDNSRecord::resource() const {
     return resource_;
 }
 
-void PXMDNSRecord::keepDecodedData(const ByteBuffer& message, std::size_t offset, std::uint16_t length) {
-    // A borrowed view: a share of the message's bytes would cost a count.
-    // The message outlives the view, which lies inside it, and any copy of
-    // the view owns its share.
-    resourceData_.borrow(message, offset, length);
-    resourceDataOffsetInMessage_ = static_cast<std::int64_t>(offset);
-    resourceDataLength_ = length;
-}
-
 // In the frame's block when the message lies there: no allocation and no
 // count of its own, the message's standing for it (see resource()). Null
 // when there is no room.
@@ -128,47 +117,40 @@ void PXMDNSRecord::parseResourceDataWithMessageBody(std::span<const std::uint8_t
 
 // `kept` is the message buffer the holder keeps, which a resource in the
 // block may borrow from; null with no holder.
-void PXMDNSRecord::decodeResource(std::span<const std::uint8_t> message, const PXMDNSPacket* holder,
-                                  const ByteBuffer* kept, DNSNameCache* names) {
+void PXMDNSRecord::decodeSRV(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, DNSNameCache* names) {
+    // Seven bytes at the least: the three words and one byte of target.
+    if (resourceData_.size() < 7) return;
+    detail::ByteReader r(resourceData_.span());
+    auto* srv = newResource<PXDNSSRVResource>(holder);
+    srv->setPriority(r.readBE<std::uint16_t>());
+    srv->setWeight(r.readBE<std::uint16_t>());
+    srv->setPort(r.readBE<std::uint16_t>());
+    // The target may point anywhere in the message, and is read through it
+    // rather than within the record's data.
+    readNameAt(srv->target_, message, static_cast<std::size_t>(resourceDataOffsetInMessage_) + 6, srv, names);
+}
+
+void PXMDNSRecord::decodePTR(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, DNSNameCache* names) {
+    auto* ptr = newResource<PXDNSPTRResource>(holder);
+    readNameAt(ptr->canonicalName_, message, static_cast<std::size_t>(resourceDataOffsetInMessage_), ptr, names);
+}
+
+void PXMDNSRecord::decodeTXT(const PXMDNSPacket* holder, const ByteBuffer* kept) {
+    // In the block, the data can stay a view of the message: the resource
+    // lives no longer than the message does.
     const auto offset = static_cast<std::size_t>(resourceDataOffsetInMessage_);
-    switch (recordType_) {
-    case kTypeSRV: {
-        // Seven bytes at the least: the three words and one byte of target.
-        if (resourceData_.size() < 7) return;
-        detail::ByteReader r(resourceData_.span());
-        auto* srv = newResource<PXDNSSRVResource>(holder);
-        srv->setPriority(r.readBE<std::uint16_t>());
-        srv->setWeight(r.readBE<std::uint16_t>());
-        srv->setPort(r.readBE<std::uint16_t>());
-        // The target may point anywhere in the message, and is read through
-        // it rather than within the record's data.
-        readNameAt(srv->target_, message, offset + 6, srv, names);
-        return;
-    }
-    case kTypePTR: {
-        auto* ptr = newResource<PXDNSPTRResource>(holder);
-        readNameAt(ptr->canonicalName_, message, offset, ptr, names);
-        return;
-    }
-    case kTypeTXT: {
-        // In the block, the data can stay a view of the message: the
-        // resource lives no longer than the message does.
-        if (!kept || !keepInBlock<PXDNSTXTResource>(holder, *kept, offset, resourceData_.size()))
-            newResource<PXDNSTXTResource>(holder, resourceData_);
-        return;
-    }
-    case kTypeAAAA: {
-        if (resourceData_.size() < 16) return;
-        auto* aaaa = newResource<PXDNSIPv6AddressResource>(holder);
-        char ownRoom[PXIPv6Packet::kIPv6AddressTextSize];
-        const std::span<char> room = detail::frameTextRoom(aaaa);
-        char* text = room.size() >= sizeof ownRoom ? room.data() : ownRoom;
-        const std::size_t length = PXIPv6Packet::writeIPv6Address(resourceData_.data(), text);
-        aaaa->setIpv6Address(detail::keepDecodedText(aaaa, {text, length}));
-        return;
-    }
-    default: return;
-    }
+    if (!kept || !keepInBlock<PXDNSTXTResource>(holder, *kept, offset, resourceData_.size()))
+        newResource<PXDNSTXTResource>(holder, resourceData_);
+}
+
+void PXMDNSRecord::decodeAAAA(const PXMDNSPacket* holder) {
+    if (resourceData_.size() < 16) return;
+    auto* aaaa = newResource<PXDNSIPv6AddressResource>(holder);
+    char ownRoom[PXIPv6Packet::kIPv6AddressTextSize];
+    const std::span<char> room = detail::frameTextRoom(aaaa);
+    char* text = room.size() >= sizeof ownRoom ? room.data() : ownRoom;
+    const std::size_t length = PXIPv6Packet::writeIPv6Address(resourceData_.data(), text);
+    aaaa->setIpv6Address(detail::keepDecodedText(aaaa, {text, length}));
 }
 
 }  // namespace wireloom

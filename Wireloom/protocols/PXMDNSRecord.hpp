@@ -67,13 +67,37 @@ public:
 
 private:
     friend class PXMDNSPacket;
+    enum : std::uint16_t { kTypePTR = 12, kTypeTXT = 16, kTypeAAAA = 28, kTypeSRV = 33 };
 
     // What the decoder does for a record of `holder`, which keeps `message`
     // and lies in the frame's block: the data stays a view of the message,
     // and the resource goes into the block, this record destroying it.
-    void keepDecodedData(const ByteBuffer& message, std::size_t offset, std::uint16_t length);
+    // Inline: it runs for every record, and the call cost more than its work.
+    void keepDecodedData(const ByteBuffer& message, std::size_t offset, std::uint16_t length) noexcept {
+        // A borrowed view: a share of the message's bytes would cost a count.
+        // The message outlives the view, which lies inside it, and any copy
+        // of the view owns its share.
+        resourceData_.borrow(message, offset, length);
+        resourceDataOffsetInMessage_ = static_cast<std::int64_t>(offset);
+        resourceDataLength_ = length;
+    }
+    // Inline as far as the record type: a record without a resource (an A
+    // record) then costs no call, and each type's call saves only the
+    // registers its own work needs.
     void decodeResource(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, const ByteBuffer* kept,
-                        DNSNameCache* names);
+                        DNSNameCache* names) {
+        switch (recordType_) {
+        case kTypeSRV: return decodeSRV(message, holder, names);
+        case kTypePTR: return decodePTR(message, holder, names);
+        case kTypeTXT: return decodeTXT(holder, kept);
+        case kTypeAAAA: return decodeAAAA(holder);
+        default: return;
+        }
+    }
+    void decodeSRV(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, DNSNameCache* names);
+    void decodePTR(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, DNSNameCache* names);
+    void decodeTXT(const PXMDNSPacket* holder, const ByteBuffer* kept);
+    void decodeAAAA(const PXMDNSPacket* holder);
     template <class T, class... Args>
     T* keepInBlock(const PXMDNSPacket* holder, Args&&... args);
     template <class T, class... Args>
