@@ -114,39 +114,25 @@ inline std::optional<std::string_view> keepInFrame(FrameArena* arena, std::strin
     return std::string_view(static_cast<const char*>(kept), text.size());
 }
 
-// Text read out of a message, for an object decoded with it (`holder`): in
-// the frame's block when the holder lies in the block being decoded (see
-// DNSText), else in a block of its own. Text written in frameTextRoom just
-// before, with nothing allocated since, is kept where it is.
-inline DNSText keepDecodedText(const void* holder, std::string_view text) {
-    if (const std::optional<std::string_view> kept = keepInFrame(arenaHolding(holder), text))
-        return DNSText::borrowedFromFrame(*kept);
-    return DNSText::owning(text);
-}
-
-// Where the next text kept for `holder` will go in the frame's block, or
-// nothing when it will not go there.
-inline std::span<char> frameTextRoom(const void* holder) noexcept {
-    FrameArena* arena = arenaHolding(holder);
-    if (!arena) return {};
-    const std::span<std::uint8_t> room = arena->unallocated();
-    return {reinterpret_cast<char*>(room.data()), room.size()};
-}
-
-// The name at the cursor of `message`, read straight into where
-// keepDecodedText keeps it for `holder`, into `name`, which holds nothing
-// yet; left absent when it cannot be read. The cursor and count move as for
+// The name at the cursor of `message`, read straight into the frame's block
+// (`arena`, the block of the object decoded with it: see arenaHolding), into
+// `name`, which holds nothing yet; with no arena it gets a block of its own.
+// Left absent when it cannot be read. The cursor and count move as for
 // readDomainNameText. The cache, one per message decoded, holds only text
 // kept in the frame's block, which a holder there can share as it is.
-inline void readDecodedName(DNSText& name, const void* holder, std::span<const std::uint8_t> message,
-                            ByteReader& cursor, std::uint32_t& consumed, DNSNameCache* cache = nullptr) {
-    FrameArena* arena = arenaHolding(holder);
+inline void readDecodedName(DNSText& name, FrameArena* arena, std::span<const std::uint8_t> message, ByteReader& cursor,
+                            std::uint32_t& consumed, DNSNameCache* cache = nullptr) {
     if (!arena)
         cache = nullptr;
     else if (cache)
         if (const std::string_view known = readKnownName(*cache, cursor, consumed); !known.empty())
             return name.borrowFromFrame(known);
-    DNSNameText text(arena ? frameTextRoom(holder) : std::span<char>());
+    std::span<char> room;
+    if (arena) {
+        const std::span<std::uint8_t> free = arena->unallocated();
+        room = {reinterpret_cast<char*>(free.data()), free.size()};
+    }
+    DNSNameText text(room);
     if (!readDomainNameText(message.data(), message.size(), cursor, consumed, text, cache)) return;
     if (text.shared()) return name.borrowFromFrame(text.view());
     const std::optional<std::string_view> kept = keepInFrame(arena, text.view());
@@ -158,10 +144,10 @@ inline void readDecodedName(DNSText& name, const void* holder, std::span<const s
     name.borrowFromFrame(*kept);
 }
 
-inline DNSText readDecodedName(const void* holder, std::span<const std::uint8_t> message, ByteReader& cursor,
+inline DNSText readDecodedName(FrameArena* arena, std::span<const std::uint8_t> message, ByteReader& cursor,
                                std::uint32_t& consumed, DNSNameCache* cache = nullptr) {
     DNSText name;
-    readDecodedName(name, holder, message, cursor, consumed, cache);
+    readDecodedName(name, arena, message, cursor, consumed, cache);
     return name;
 }
 

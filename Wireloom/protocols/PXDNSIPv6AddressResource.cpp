@@ -4,7 +4,7 @@ namespace wireloom {
 
 std::shared_ptr<PXReportAnalyzerEntry> PXDNSIPv6AddressResource::reportAnalyzerEntry() const {
     auto entry = PXDNSResource::reportAnalyzerEntry();
-    entry->addLineWithKey("Address", std::string(ipv6Address_.view()));
+    entry->addLineWithKey("Address", std::string(ipv6Address()));
     return entry;
 }
 

@@ -41,15 +41,16 @@ std::string_view PXMDNSPacket::nameOfRecordType(std::uint16_t type) noexcept {
 }
 
 // Reads `count` records into `records`; false when a field runs short.
-bool PXMDNSPacket::readRecords(const PXMDNSPacket* holder, detail::ByteReader& cursor, std::uint32_t& consumed,
-                               std::uint16_t count, detail::FrameArray<PXMDNSRecord>& records, DNSNameCache& names) {
+bool PXMDNSPacket::readRecords(const PXMDNSPacket* holder, detail::FrameArena* arena, detail::ByteReader& cursor,
+                               std::uint32_t& consumed, std::uint16_t count, detail::FrameArray<PXMDNSRecord>& records,
+                               DNSNameCache& names) {
     const ByteBuffer& message = holder->message_;
-    records.reserve(holder, std::min<std::size_t>(count, cursor.remaining() / kSmallestRecord + 1));
+    records.reserve(arena, std::min<std::size_t>(count, cursor.remaining() / kSmallestRecord + 1));
     for (std::uint16_t i = 0; i < count; ++i) {
         PXMDNSRecord& record = records.emplace_back();
         // Unlike a question's, a record's unreadable name spoils nothing
         // else: reading goes on from wherever the name reader stopped.
-        detail::readDecodedName(record.recordName_, holder, message.span(), cursor, consumed, &names);
+        detail::readDecodedName(record.recordName_, arena, message.span(), cursor, consumed, &names);
         if (!cursor.has(10)) return false;
         // A reader of its own over the four fields, whose bounds the compiler
         // can see, checks them once rather than field by field.
@@ -63,7 +64,7 @@ bool PXMDNSPacket::readRecords(const PXMDNSPacket* holder, detail::ByteReader& c
         record.keepDecodedData(message, cursor.offset(), length);
         cursor.skip(length);
         consumed += length;
-        record.decodeResource(message.span(), holder, &message, &names);
+        record.decodeResource(message.span(), holder, arena, &names);
     }
     return true;
 }
@@ -92,11 +93,14 @@ PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketP
     packet->additionalRRC_ = cursor.readBE<std::uint16_t>();
     std::uint32_t count = kHeaderSize;
     DNSNameCache names;
+    // Looked up once: every name and resource of the message goes where the
+    // message lies.
+    detail::FrameArena* const arena = detail::arenaHolding(packet.get());
 
     packet->questionRecords_.reserve(
-        packet.get(), std::min<std::size_t>(packet->questionRRC_, cursor.remaining() / kSmallestQuestion));
+        arena, std::min<std::size_t>(packet->questionRRC_, cursor.remaining() / kSmallestQuestion));
     for (std::uint16_t i = 0; i < packet->questionRRC_; ++i) {
-        DNSText name = detail::readDecodedName(packet.get(), message.span(), cursor, count, &names);
+        DNSText name = detail::readDecodedName(arena, message.span(), cursor, count, &names);
         if (!name.present() || !cursor.has(4)) return nullptr;
         PXMDNSQuestion& question = packet->questionRecords_.emplace_back();
         question.setRecordName(std::move(name));
@@ -104,9 +108,9 @@ PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketP
         question.setQuestionClass(cursor.readBE<std::uint16_t>());
         count += 4;
     }
-    if (!readRecords(packet.get(), cursor, count, packet->answerRRC_, packet->answerRecords_, names) ||
-        !readRecords(packet.get(), cursor, count, packet->authorityRRC_, packet->authorityRecords_, names) ||
-        !readRecords(packet.get(), cursor, count, packet->additionalRRC_, packet->additionalRecords_, names))
+    if (!readRecords(packet.get(), arena, cursor, count, packet->answerRRC_, packet->answerRecords_, names) ||
+        !readRecords(packet.get(), arena, cursor, count, packet->authorityRRC_, packet->authorityRecords_, names) ||
+        !readRecords(packet.get(), arena, cursor, count, packet->additionalRRC_, packet->additionalRecords_, names))
         return nullptr;
     *consumed = count;
     return packet;

@@ -86,9 +86,11 @@ private:
         return static_cast<std::uint8_t>(flags_ >> first & ((1u << count) - 1));
     }
 
-    static bool readRecords(const PXMDNSPacket* holder, detail::ByteReader& cursor, std::uint32_t& consumed,
-                            std::uint16_t count, detail::FrameArray<PXMDNSRecord>& records, DNSNameCache& names);
+    static bool readRecords(const PXMDNSPacket* holder, detail::FrameArena* arena, detail::ByteReader& cursor,
+                            std::uint32_t& consumed, std::uint16_t count, detail::FrameArray<PXMDNSRecord>& records,
+                            DNSNameCache& names);
 
+    friend class PXMDNSRecord;
     static PacketClass kClass;
     // The message's bytes: the one share of the frame's that the records'
     // data, and the TXT resources in the block, are views of. Declared

@@ -1,5 +1,4 @@
 #include <Wireloom/core/detail/ByteReader.hpp>
-#include <Wireloom/packets/PXIPv6Packet.hpp>
 #include <Wireloom/packets/detail/FrameArena.hpp>
 #include <Wireloom/protocols/DNSNameReader.hpp>
 #include <Wireloom/protocols/PXDNSIPv6AddressResource.hpp>
@@ -16,22 +15,14 @@ namespace wireloom {
 
 namespace {
 
-// The name at a message offset, into the resource that holds it; its
-// consumed count is of no interest.
-void readNameAt(DNSText& name, std::span<const std::uint8_t> message, std::size_t offset, const void* holder,
+// The name at a message offset, into the resource that holds it, read into
+// `arena` when the resource lies there; its consumed count is of no interest.
+void readNameAt(DNSText& name, std::span<const std::uint8_t> message, std::size_t offset, detail::FrameArena* arena,
                 DNSNameCache* names) {
     if (offset > message.size()) return;
     detail::ByteReader cursor(message.data() + offset, message.size() - offset);
     std::uint32_t consumed = 0;
-    detail::readDecodedName(name, holder, message, cursor, consumed, names);
-}
-
-// Room for a resource in the frame's block, when its message lies there.
-template <class T>
-void* roomInBlock(const PXMDNSPacket* holder) noexcept {
-    if (detail::FrameArena* arena = detail::arenaHolding(holder))
-        return arena->allocateUnreferenced(sizeof(T), alignof(T));
-    return nullptr;
+    detail::readDecodedName(name, arena, message, cursor, consumed, names);
 }
 
 }  // namespace
@@ -87,12 +78,13 @@ PXDNSResource::Ptr PXMDNSRecord::resource() const {
     return resource_;
 }
 
-// In the frame's block when the message lies there: no allocation and no
-// count of its own, the message's standing for it (see resource()). Null
-// when there is no room.
+// In the frame's block (`arena`, where the message lies): no allocation and
+// no count of its own, the message's standing for it (see resource()). Null
+// when there is no block or no room.
 template <class T, class... Args>
-T* PXMDNSRecord::keepInBlock(const PXMDNSPacket* holder, Args&&... args) {
-    void* room = roomInBlock<T>(holder);
+T* PXMDNSRecord::keepInBlock(const PXMDNSPacket* holder, detail::FrameArena* arena, Args&&... args) {
+    if (!arena) return nullptr;
+    void* room = arena->allocateUnreferenced(sizeof(T), alignof(T));
     if (!room) return nullptr;
     T* kept = ::new (room) T(std::forward<Args>(args)...);
     keptResource_ = kept;
@@ -101,9 +93,12 @@ T* PXMDNSRecord::keepInBlock(const PXMDNSPacket* holder, Args&&... args) {
 }
 
 // In the block when it can be, else on the heap with a count of its own.
+// `arena` becomes the block the resource lies in, null for the heap: the
+// text it reads goes where it can live as long as the resource.
 template <class T, class... Args>
-T* PXMDNSRecord::newResource(const PXMDNSPacket* holder, Args&&... args) {
-    if (T* kept = keepInBlock<T>(holder, args...)) return kept;
+T* PXMDNSRecord::newResource(const PXMDNSPacket* holder, detail::FrameArena*& arena, Args&&... args) {
+    if (T* kept = keepInBlock<T>(holder, arena, args...)) return kept;
+    arena = nullptr;
     auto owned = std::make_shared<T>(std::forward<Args>(args)...);
     T* resource = owned.get();
     resource_ = std::move(owned);
@@ -115,42 +110,37 @@ void PXMDNSRecord::parseResourceDataWithMessageBody(std::span<const std::uint8_t
     decodeResource(message, nullptr, nullptr, nullptr);
 }
 
-// `kept` is the message buffer the holder keeps, which a resource in the
-// block may borrow from; null with no holder.
-void PXMDNSRecord::decodeSRV(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, DNSNameCache* names) {
+void PXMDNSRecord::decodeSRV(std::span<const std::uint8_t> message, const PXMDNSPacket* holder,
+                             detail::FrameArena* arena, DNSNameCache* names) {
     // Seven bytes at the least: the three words and one byte of target.
     if (resourceData_.size() < 7) return;
     detail::ByteReader r(resourceData_.span());
-    auto* srv = newResource<PXDNSSRVResource>(holder);
+    auto* srv = newResource<PXDNSSRVResource>(holder, arena);
     srv->setPriority(r.readBE<std::uint16_t>());
     srv->setWeight(r.readBE<std::uint16_t>());
     srv->setPort(r.readBE<std::uint16_t>());
     // The target may point anywhere in the message, and is read through it
     // rather than within the record's data.
-    readNameAt(srv->target_, message, static_cast<std::size_t>(resourceDataOffsetInMessage_) + 6, srv, names);
+    readNameAt(srv->target_, message, static_cast<std::size_t>(resourceDataOffsetInMessage_) + 6, arena, names);
 }
 
-void PXMDNSRecord::decodePTR(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, DNSNameCache* names) {
-    auto* ptr = newResource<PXDNSPTRResource>(holder);
-    readNameAt(ptr->canonicalName_, message, static_cast<std::size_t>(resourceDataOffsetInMessage_), ptr, names);
+void PXMDNSRecord::decodePTR(std::span<const std::uint8_t> message, const PXMDNSPacket* holder,
+                             detail::FrameArena* arena, DNSNameCache* names) {
+    auto* ptr = newResource<PXDNSPTRResource>(holder, arena);
+    readNameAt(ptr->canonicalName_, message, static_cast<std::size_t>(resourceDataOffsetInMessage_), arena, names);
 }
 
-void PXMDNSRecord::decodeTXT(const PXMDNSPacket* holder, const ByteBuffer* kept) {
+void PXMDNSRecord::decodeTXT(const PXMDNSPacket* holder, detail::FrameArena* arena) {
     // In the block, the data can stay a view of the message: the resource
     // lives no longer than the message does.
     const auto offset = static_cast<std::size_t>(resourceDataOffsetInMessage_);
-    if (!kept || !keepInBlock<PXDNSTXTResource>(holder, *kept, offset, resourceData_.size()))
-        newResource<PXDNSTXTResource>(holder, resourceData_);
+    if (!arena || !keepInBlock<PXDNSTXTResource>(holder, arena, holder->message_, offset, resourceData_.size()))
+        newResource<PXDNSTXTResource>(holder, arena, resourceData_);
 }
 
-void PXMDNSRecord::decodeAAAA(const PXMDNSPacket* holder) {
+void PXMDNSRecord::decodeAAAA(const PXMDNSPacket* holder, detail::FrameArena* arena) {
     if (resourceData_.size() < 16) return;
-    auto* aaaa = newResource<PXDNSIPv6AddressResource>(holder);
-    char ownRoom[PXIPv6Packet::kIPv6AddressTextSize];
-    const std::span<char> room = detail::frameTextRoom(aaaa);
-    char* text = room.size() >= sizeof ownRoom ? room.data() : ownRoom;
-    const std::size_t length = PXIPv6Packet::writeIPv6Address(resourceData_.data(), text);
-    aaaa->setIpv6Address(detail::keepDecodedText(aaaa, {text, length}));
+    newResource<PXDNSIPv6AddressResource>(holder, arena, resourceData_.data());
 }
 
 }  // namespace wireloom

@@ -83,25 +83,28 @@ private:
     }
     // Inline as far as the record type: a record without a resource (an A
     // record) then costs no call, and each type's call saves only the
-    // registers its own work needs.
-    void decodeResource(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, const ByteBuffer* kept,
+    // registers its own work needs. `arena` is the block `holder` lies in,
+    // null when it lies elsewhere or there is no holder.
+    void decodeResource(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, detail::FrameArena* arena,
                         DNSNameCache* names) {
         switch (recordType_) {
-        case kTypeSRV: return decodeSRV(message, holder, names);
-        case kTypePTR: return decodePTR(message, holder, names);
-        case kTypeTXT: return decodeTXT(holder, kept);
-        case kTypeAAAA: return decodeAAAA(holder);
+        case kTypeSRV: return decodeSRV(message, holder, arena, names);
+        case kTypePTR: return decodePTR(message, holder, arena, names);
+        case kTypeTXT: return decodeTXT(holder, arena);
+        case kTypeAAAA: return decodeAAAA(holder, arena);
         default: return;
         }
     }
-    void decodeSRV(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, DNSNameCache* names);
-    void decodePTR(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, DNSNameCache* names);
-    void decodeTXT(const PXMDNSPacket* holder, const ByteBuffer* kept);
-    void decodeAAAA(const PXMDNSPacket* holder);
+    void decodeSRV(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, detail::FrameArena* arena,
+                   DNSNameCache* names);
+    void decodePTR(std::span<const std::uint8_t> message, const PXMDNSPacket* holder, detail::FrameArena* arena,
+                   DNSNameCache* names);
+    void decodeTXT(const PXMDNSPacket* holder, detail::FrameArena* arena);
+    void decodeAAAA(const PXMDNSPacket* holder, detail::FrameArena* arena);
     template <class T, class... Args>
-    T* keepInBlock(const PXMDNSPacket* holder, Args&&... args);
+    T* keepInBlock(const PXMDNSPacket* holder, detail::FrameArena* arena, Args&&... args);
     template <class T, class... Args>
-    T* newResource(const PXMDNSPacket* holder, Args&&... args);
+    T* newResource(const PXMDNSPacket* holder, detail::FrameArena*& arena, Args&&... args);
     // Inline: it runs for every record a message destroys.
     void dropKeptResource() noexcept {
         if (keptResource_) std::destroy_at(std::exchange(keptResource_, nullptr));

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace wireloom;
@@ -279,6 +280,28 @@ TEST(MDNSResources, PTRAndAAAA) {
     ASSERT_TRUE(aaaa);
     EXPECT_EQ(aaaa->ipv6Address(), PXIPv6Packet::stringFromIPv6Address(address.data()));
     EXPECT_FALSE(packet->answerRecords()[2].resource());
+}
+
+// The address's text is written on first use: the first readers may race,
+// and an address set by hand replaces the record's for good.
+TEST(MDNSResources, AAAATextWrittenOnceWhenFirstAskedFor) {
+    const IPv6Address address = ip6("2001:db8::ff00:42:8329");
+    const std::string expected = PXIPv6Packet::stringFromIPv6Address(address.data());
+    const PXDNSIPv6AddressResource decoded(address.data());
+    std::vector<std::string> seen(4);
+    std::vector<std::thread> readers;
+    for (std::string& text : seen) readers.emplace_back([&] { text = decoded.ipv6Address(); });
+    for (std::thread& reader : readers) reader.join();
+    EXPECT_EQ(seen, std::vector<std::string>(4, expected));
+
+    PXDNSIPv6AddressResource set(address.data());
+    set.setIpv6Address("::1");
+    EXPECT_EQ(set.ipv6Address(), "::1");
+    PXDNSIPv6AddressResource read(address.data());
+    EXPECT_EQ(read.ipv6Address(), expected);
+    read.setIpv6Address("::2");
+    EXPECT_EQ(read.ipv6Address(), "::2");
+    EXPECT_EQ(PXDNSIPv6AddressResource().ipv6Address(), "");
 }
 
 TEST(MDNSEntry, TitleHeaderAndSections) {

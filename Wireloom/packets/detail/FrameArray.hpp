@@ -6,7 +6,7 @@
 // block. Elements never move while the layer lives, unless more are added
 // than were reserved, when they all move to the heap.
 //
-//   array.reserve(holder, count);      // while the holder's frame is decoded
+//   array.reserve(arena, count);       // the block the holder lies in, or null
 //   Record& record = array.emplace_back();
 //   std::span<const Record> all = array.span();
 
@@ -37,11 +37,11 @@ public:
         heap_ = std::move(elements);
         useHeap();
     }
-    // Room for `capacity` elements, in the block when `holder` lies in the
-    // one being decoded; only on an empty array.
-    void reserve(const void* holder, std::size_t capacity) {
+    // Room for `capacity` elements, in `arena` when it is given (the block
+    // the holder lies in) and has room; only on an empty array.
+    void reserve(FrameArena* arena, std::size_t capacity) {
         if (capacity == 0) return;
-        if (FrameArena* arena = tCurrentFrameArena; arena && arena->owns(holder))
+        if (arena)
             if (void* room = arena->allocateUnreferenced(capacity * sizeof(T), alignof(T))) {
                 data_ = static_cast<T*>(room);
                 capacity_ = capacity;
