@@ -106,12 +106,10 @@ bool readNameFrom(const std::uint8_t* messageStart, std::size_t messageLength, d
         const auto at = reinterpret_cast<std::uintptr_t>(p) - reinterpret_cast<std::uintptr_t>(messageStart);
         if (messageStart && end == messageStart + messageLength && at < messageLength) cache->mark(at, 0, depth);
     }
-    std::uint32_t counted = 0;
     bool read = false;
     for (;;) {
         if (p == end) break;
         const std::uint8_t length = *p++;
-        counted += !callerStop;
         if (length == 0) {
             read = true;
             break;
@@ -120,10 +118,7 @@ bool readNameFrom(const std::uint8_t* messageStart, std::size_t messageLength, d
         if (messageStart && (length & 0xC0) == 0xC0) {
             if (p == end) break;
             const std::size_t offset = static_cast<std::size_t>(length & 0x3F) << 8 | *p++;
-            if (!callerStop) {
-                ++counted;
-                callerStop = p;
-            }
+            if (!callerStop) callerStop = p;
             if (offset >= messageLength || ++depth > kDNSNameMaxPointerDepth) break;
             if (cache) {
                 // Reading it again would follow as many pointers and find the
@@ -145,11 +140,12 @@ bool readNameFrom(const std::uint8_t* messageStart, std::size_t messageLength, d
         // One byte more than the label must remain: the name cannot end
         // without its terminator or a pointer.
         if (static_cast<std::size_t>(end - p) <= length || !text.appendLabel(p, length)) break;
-        if (!callerStop) counted += length;
         p += length;
     }
-    consumed += counted;
-    cursor.seek(static_cast<std::size_t>((callerStop ? callerStop : p) - callerBytes));
+    // What was read inline is what the caller's cursor moves over.
+    const std::uint8_t* const stop = callerStop ? callerStop : p;
+    consumed += static_cast<std::uint32_t>(stop - (callerBytes + cursor.offset()));
+    cursor.seek(static_cast<std::size_t>(stop - callerBytes));
     if (cache && read) cache->finishRead(depth);
     return read;
 }
