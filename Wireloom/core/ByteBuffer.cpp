@@ -39,19 +39,6 @@ std::uint8_t ByteBuffer::operator[](std::size_t index) const noexcept {
     return storage_.get()[index];
 }
 
-std::shared_ptr<const std::uint8_t> ByteBuffer::owningStorage() const noexcept {
-    if (!lender_) return storage_;
-    return std::shared_ptr<const std::uint8_t>(lender_->owningStorage(), storage_.get());
-}
-
-ByteBuffer ByteBuffer::subrange(std::size_t offset, std::size_t length) const {
-    checkRange(offset, length);
-    if (length == 0) return {};
-    const std::uint8_t* start = storage_.get() + offset;
-    if (lender_) return ByteBuffer(std::shared_ptr<const std::uint8_t>(lender_->owningStorage(), start), length);
-    return ByteBuffer(std::shared_ptr<const std::uint8_t>(storage_, start), length);
-}
-
 bool operator==(const ByteBuffer& a, const ByteBuffer& b) noexcept {
     return a.size_ == b.size_ && (a.size_ == 0 || std::memcmp(a.data(), b.data(), a.size_) == 0);
 }

@@ -71,7 +71,15 @@ public:
 
     // The bytes [offset, offset + length) sharing this buffer's storage.
     // Asking for bytes outside the buffer is a programming error.
-    ByteBuffer subrange(std::size_t offset, std::size_t length) const;
+    // Inline: a decoder keeping its part of a frame takes one per layer.
+    ByteBuffer subrange(std::size_t offset, std::size_t length) const {
+        checkRange(offset, length);
+        if (length == 0) return {};
+        // A borrowed view's lender is never borrowed itself (see
+        // borrowedView and borrow), so its storage owns the block.
+        const ByteBuffer& owner = lender_ ? *lender_ : *this;
+        return ByteBuffer(std::shared_ptr<const std::uint8_t>(owner.storage_, storage_.get() + offset), length);
+    }
     ByteBuffer subrange(std::size_t offset) const { return subrange(offset, size_ - offset); }
 
     // A view of [offset, offset + length) that takes no share of the storage,
@@ -140,7 +148,10 @@ private:
         WL_ASSERT(offset <= size_ && length <= size_ - offset, "ByteBuffer subrange out of range");
     }
     // The storage of this range that owns its share of the block.
-    std::shared_ptr<const std::uint8_t> owningStorage() const noexcept;
+    std::shared_ptr<const std::uint8_t> owningStorage() const noexcept {
+        if (!lender_) return storage_;
+        return std::shared_ptr<const std::uint8_t>(lender_->storage_, storage_.get());
+    }
     void assignFrom(const ByteBuffer& other) noexcept {
         storage_ = other.owningStorage();
         size_ = other.size_;
