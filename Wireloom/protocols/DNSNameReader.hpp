@@ -107,7 +107,21 @@ public:
     }
     void finishRead(int depth) noexcept { depth_ = depth; }
     // The text of the read just finished, kept where it stays.
-    void keep(std::string_view text) noexcept;
+    // Inline: it runs once for every name read by walking.
+    void keep(std::string_view text) noexcept {
+        for (std::size_t i = 0; i < marks_; ++i) {
+            const Mark& mark = pending_[i];
+            // What followed the mark, after the dot that joined it.
+            const std::size_t from = mark.textSize + (mark.textSize != 0);
+            if (from >= text.size()) continue;
+            const std::size_t slot = mark.offset % kSlots;
+            offsets_[slot] = static_cast<std::uint16_t>(mark.offset);
+            texts_[slot] = text.data() + from;
+            sizes_[slot] = static_cast<std::uint32_t>(text.size() - from);
+            pointers_[slot] = static_cast<std::uint8_t>(depth_ - mark.depth);
+        }
+        marks_ = 0;
+    }
 
 private:
     static constexpr std::size_t kSlots = 32;  // a power of two; a clash only costs a walk
