@@ -122,11 +122,7 @@ inline std::optional<std::string_view> keepInFrame(FrameArena* arena, std::strin
 // kept in the frame's block, which a holder there can share as it is.
 inline void readDecodedName(DNSText& name, FrameArena* arena, std::span<const std::uint8_t> message, ByteReader& cursor,
                             std::uint32_t& consumed, DNSNameCache* cache = nullptr) {
-    if (!arena)
-        cache = nullptr;
-    else if (cache)
-        if (const std::string_view known = readKnownName(*cache, cursor, consumed); !known.empty())
-            return name.borrowFromFrame(known);
+    if (!arena) cache = nullptr;
     std::span<char> room;
     if (arena) {
         const std::span<std::uint8_t> free = arena->unallocated();
@@ -142,13 +138,6 @@ inline void readDecodedName(DNSText& name, FrameArena* arena, std::span<const st
     }
     if (cache) cache->keep(*kept);
     name.borrowFromFrame(*kept);
-}
-
-inline DNSText readDecodedName(FrameArena* arena, std::span<const std::uint8_t> message, ByteReader& cursor,
-                               std::uint32_t& consumed, DNSNameCache* cache = nullptr) {
-    DNSText name;
-    readDecodedName(name, arena, message, cursor, consumed, cache);
-    return name;
 }
 
 }  // namespace detail
