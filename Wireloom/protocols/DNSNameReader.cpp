@@ -10,7 +10,7 @@ namespace {
 // of bytes, and short labels take two overlapping loads of their own size.
 // (A plain memcpy of a length GCC knows is under 256 becomes rep movsq,
 // slow to start for labels this short.)
-bool copyLabelIfASCII(char* out, const std::uint8_t* in, std::size_t n) noexcept {
+[[gnu::always_inline]] inline bool copyLabelIfASCII(char* out, const std::uint8_t* in, std::size_t n) noexcept {
     std::uint64_t seen = 0;
     auto move = [&]<class Word>(std::size_t at) {
         Word word;
@@ -67,7 +67,9 @@ void DNSNameText::appendKnown(std::string_view known) {
         return;
     }
     inPlace_[size_] = '.';
-    std::memcpy(inPlace_ + size_ + 1, known.data(), known.size());
+    // The label copy rather than memcpy, whose call costs more than copying
+    // a name this short; whether it is ASCII is known already.
+    copyLabelIfASCII(inPlace_ + size_ + 1, reinterpret_cast<const std::uint8_t*>(known.data()), known.size());
     size_ += 1 + known.size();
 }
 
