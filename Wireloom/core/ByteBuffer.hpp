@@ -75,10 +75,7 @@ public:
     ByteBuffer subrange(std::size_t offset, std::size_t length) const {
         checkRange(offset, length);
         if (length == 0) return {};
-        // A borrowed view's lender is never borrowed itself (see
-        // borrowedView and borrow), so its storage owns the block.
-        const ByteBuffer& owner = lender_ ? *lender_ : *this;
-        return ByteBuffer(std::shared_ptr<const std::uint8_t>(owner.storage_, storage_.get() + offset), length);
+        return ByteBuffer(std::shared_ptr<const std::uint8_t>(ownerStorage(), storage_.get() + offset), length);
     }
     ByteBuffer subrange(std::size_t offset) const { return subrange(offset, size_ - offset); }
 
@@ -147,10 +144,14 @@ private:
     void checkRange(std::size_t offset, std::size_t length) const noexcept {
         WL_ASSERT(offset <= size_ && length <= size_ - offset, "ByteBuffer subrange out of range");
     }
+    // The pointer that owns the block: a borrowed view's lender is never
+    // borrowed itself (see borrowedView and borrow), so one step reaches it.
+    const std::shared_ptr<const std::uint8_t>& ownerStorage() const noexcept {
+        return lender_ ? lender_->storage_ : storage_;
+    }
     // The storage of this range that owns its share of the block.
     std::shared_ptr<const std::uint8_t> owningStorage() const noexcept {
-        if (!lender_) return storage_;
-        return std::shared_ptr<const std::uint8_t>(lender_->storage_, storage_.get());
+        return std::shared_ptr<const std::uint8_t>(ownerStorage(), storage_.get());
     }
     void assignFrom(const ByteBuffer& other) noexcept {
         storage_ = other.owningStorage();
