@@ -12,8 +12,11 @@ namespace wireloom {
 namespace {
 // libpcap reads record by record through stdio; with the default buffer of
 // a few kilobytes the read calls cost more than decoding a large file. The
-// direct reader reads as much at a time.
-constexpr std::size_t kReadBufferSize = 1 << 20;
+// direct reader reads a quarter of a megabyte at a time: few enough calls,
+// and what the kernel has just written is still in the core's cache when
+// each frame is copied out of it (a megabyte decoded 2 to 3 % slower). A
+// record of the largest snapshot does not fit, and goes to libpcap.
+constexpr std::size_t kReadBufferSize = 1 << 18;
 constexpr std::size_t kFileHeaderBytes = 24;
 constexpr std::size_t kRecordHeaderBytes = 16;
 
@@ -124,7 +127,8 @@ private:
         end_ -= begin_;
         begin_ = 0;
         while (!atEnd_ && end_ < kReadBufferSize) {
-            const ssize_t n = pread(fd_, &buffer_[end_], kReadBufferSize - end_, static_cast<off_t>(bufferOffset_ + end_));
+            const ssize_t n =
+                pread(fd_, &buffer_[end_], kReadBufferSize - end_, static_cast<off_t>(bufferOffset_ + end_));
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) return false;
             if (n == 0) atEnd_ = true;

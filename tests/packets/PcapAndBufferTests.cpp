@@ -133,8 +133,8 @@ struct RawPcap {
 std::string readAll(const std::string& path, bool libpcapAlone) {
     std::string out, error;
     auto line = [&](const pcap_pkthdr& h, const std::uint8_t* data) {
-        out += std::to_string(h.ts.tv_sec) + "." + std::to_string(h.ts.tv_usec) + " " + std::to_string(h.caplen) +
-               "/" + std::to_string(h.len) + " " + ByteBuffer::copy(data, h.caplen).md5HexDigest() + "\n";
+        out += std::to_string(h.ts.tv_sec) + "." + std::to_string(h.ts.tv_usec) + " " + std::to_string(h.caplen) + "/" +
+               std::to_string(h.len) + " " + ByteBuffer::copy(data, h.caplen).md5HexDigest() + "\n";
     };
     if (libpcapAlone) {
         char reason[PCAP_ERRBUF_SIZE];
@@ -191,9 +191,10 @@ TEST(CaptureFile, RecordsAndErrorsAreLibpcapsInEveryLayout) {
             EXPECT_NE(check(cut, "header cut short").find("truncated"), std::string::npos);
         }
     }
-    // More than the reader's buffer holds, records straddling each refill.
-    RawPcap large(false, 0xa1b2c3d4u, 4, 65535, 1);
-    for (std::uint32_t i = 0; i < 2500; ++i) large.record(i, i, 900 + i % 700);
+    // More than the reader's buffer holds, records straddling each refill,
+    // and one of the largest snapshot, more than the buffer itself.
+    RawPcap large(false, 0xa1b2c3d4u, 4, 262144, 1);
+    for (std::uint32_t i = 0; i < 2500; ++i) large.record(i, i, i == 1200 ? 262144 : 900 + i % 700);
     check(large, "three megabytes");
     // Layouts that libpcap alone reads: lengths that version 2.3 may have
     // swapped, and a link type whose pseudo-header libpcap rewrites.
