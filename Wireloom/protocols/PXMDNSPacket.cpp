@@ -96,12 +96,14 @@ PXPacketPtr PXMDNSPacket::packetFromData(const ByteBuffer& data, const PXPacketP
     packet->message_ = data.subrange(0, length);
     const ByteBuffer& message = packet->message_;
     detail::ByteReader cursor(message.span());
-    packet->transactionID_ = cursor.readBE<std::uint16_t>();
-    packet->flags_ = cursor.readBE<std::uint16_t>();
-    packet->questionRRC_ = cursor.readBE<std::uint16_t>();
-    packet->answerRRC_ = cursor.readBE<std::uint16_t>();
-    packet->authorityRRC_ = cursor.readBE<std::uint16_t>();
-    packet->additionalRRC_ = cursor.readBE<std::uint16_t>();
+    // As for a record's fields: a reader whose size the compiler can see.
+    detail::ByteReader header(cursor.readBytes(kHeaderSize), kHeaderSize);
+    packet->transactionID_ = header.readBE<std::uint16_t>();
+    packet->flags_ = header.readBE<std::uint16_t>();
+    packet->questionRRC_ = header.readBE<std::uint16_t>();
+    packet->answerRRC_ = header.readBE<std::uint16_t>();
+    packet->authorityRRC_ = header.readBE<std::uint16_t>();
+    packet->additionalRRC_ = header.readBE<std::uint16_t>();
     std::uint32_t count = kHeaderSize;
     DNSNameCache names;
     // Looked up once: every name and resource of the message goes where the
