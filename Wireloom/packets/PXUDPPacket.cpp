@@ -28,14 +28,14 @@ PXPacketPtr PXUDPPacket::packetFromData(const ByteBuffer& data, const PXPacketPt
 
 void PXUDPPacket::appendDescription(std::string& out) const {
     detail::TextWriter(out) << "(UDP) size " << detail::Decimal{payloadSize_} << " bytes, ports "
-                            << detail::Decimal{sourcePort_} << "=>" << detail::Decimal{destPort_};
+                            << detail::Decimal{sourcePort()} << "=>" << detail::Decimal{destPort()};
 }
 
 std::shared_ptr<PXReportAnalyzerEntry> PXUDPPacket::reportAnalyzerEntry() const {
     auto entry = PXReportAnalyzerEntry::entry();
-    detail::setTransportTitle(*entry, "UDP ", encapsulatingLayer(), sourcePort_, destPort_);
-    entry->setValue(sourcePort_, "Source Port", 0);
-    entry->setValue(destPort_, "Destination Port", 0);
+    detail::setTransportTitle(*entry, "UDP ", encapsulatingLayer(), sourcePort(), destPort());
+    entry->setValue(sourcePort(), "Source Port", 0);
+    entry->setValue(destPort(), "Destination Port", 0);
     entry->setValue(payloadSize_, "Payload Size", 0);
     entry->setValue(payload_, "Payload", 8);
     return entry;

@@ -18,13 +18,13 @@ public:
     void setPayloadSize(std::uint32_t size) noexcept { payloadSize_ = size; }
     const ByteBuffer& payload() const noexcept { return payload_; }
     void setPayload(ByteBuffer payload) noexcept { payload_ = std::move(payload); }
-    std::uint16_t sourcePort() const noexcept { return sourcePort_; }
-    void setSourcePort(std::uint16_t port) noexcept { sourcePort_ = port; }
-    std::uint16_t destPort() const noexcept { return destPort_; }
-    void setDestPort(std::uint16_t port) noexcept { destPort_ = port; }
+    std::uint16_t sourcePort() const noexcept { return static_cast<std::uint16_t>(ports_ >> 16); }
+    void setSourcePort(std::uint16_t port) noexcept { ports_ = (ports_ & 0xffffu) | std::uint32_t{port} << 16; }
+    std::uint16_t destPort() const noexcept { return static_cast<std::uint16_t>(ports_); }
+    void setDestPort(std::uint16_t port) noexcept { ports_ = (ports_ & 0xffff0000u) | port; }
 
     // Port 5353 to port 5353: the only datagrams decoded further.
-    bool leadsToMDNS() const noexcept { return sourcePort_ == kMDNSPort && destPort_ == kMDNSPort; }
+    bool leadsToMDNS() const noexcept { return ports_ == (std::uint32_t{kMDNSPort} << 16 | kMDNSPort); }
 
     static std::optional<PacketClassSet> allowedParentProtocols();
     std::optional<PacketClassSet> restrictedChildProtocols() const override;
@@ -46,8 +46,11 @@ private:
     static PacketClass kClass;
     ByteBuffer payload_;
     std::uint32_t payloadSize_ = 0;
-    std::uint16_t sourcePort_ = 0;
-    std::uint16_t destPort_ = 0;
+    // Both ports as they follow each other on the wire, source first: stored
+    // with one write, so that the chain's test of both right after the
+    // decode reads them back from that write (a read spanning two stores
+    // waits for both to reach the cache).
+    std::uint32_t ports_ = 0;
 };
 
 // Inline, for the decode chain, which reads every built-in header.
@@ -55,8 +58,7 @@ inline bool PXUDPPacket::readHeader(PXUDPPacket& layer, const ByteBuffer& data, 
                                     std::uint32_t* consumed) {
     detail::ByteReader r(data.span());
     if (!r.has(8)) return false;
-    layer.sourcePort_ = r.readBE<std::uint16_t>();
-    layer.destPort_ = r.readBE<std::uint16_t>();
+    layer.ports_ = r.readBE<std::uint32_t>();
     const std::uint32_t udpLength = r.readBE<std::uint16_t>();
     if (data.size() >= udpLength && udpLength >= 8) layer.payloadSize_ = udpLength - 8;
     layer.payload_.borrow(data, layer.payloadSize_ ? 8 : 0, layer.payloadSize_);

@@ -112,6 +112,12 @@ TEST(IPv6, ExtensionHeaderWalk) {
     auto datagram = std::dynamic_pointer_cast<PXUDPPacket>(packet);
     ASSERT_TRUE(datagram);
     EXPECT_EQ(datagram->sourcePort(), 5000);
+    EXPECT_EQ(datagram->destPort(), 6000);
+    // The ports share a word: setting one keeps the other.
+    datagram->setSourcePort(5353);
+    datagram->setDestPort(53);
+    EXPECT_EQ(datagram->sourcePort(), 5353);
+    EXPECT_EQ(datagram->destPort(), 53);
     EXPECT_EQ(packet->packetWithProtocol<PXIPv6Packet>()->payloadSize(), segment.size());
 
     // With length byte 1 the header is 16 bytes but the walk advances 9, and
