@@ -178,11 +178,7 @@ std::optional<PacketClassSet> linkLayerRestriction(int linkLayerType) noexcept {
     case kPXIPv6PacketIndex:
         return {kPXIPv6PacketIndex, childClassesForIPProtocol(static_cast<const PXIPv6Packet&>(layer).protocol())};
     case kPXTCPPacketIndex: return {kPXTCPPacketIndex, std::nullopt};
-    case kPXUDPPacketIndex: {
-        const auto& udp = static_cast<const PXUDPPacket&>(layer);
-        if (!udp.leadsToMDNS()) return {kPXUDPPacketIndex, std::nullopt};
-        return {kPXUDPPacketIndex, udp.PXUDPPacket::restrictedChildProtocols()};
-    }
+    case kPXUDPPacketIndex: return {kPXUDPPacketIndex, static_cast<const PXUDPPacket&>(layer).childRestriction()};
     // Built in too, though its class lives in a layer above this one: it
     // restricts nothing (PXMDNSPacket keeps the base's answer), so it needs
     // no virtual call either.

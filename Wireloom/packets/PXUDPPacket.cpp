@@ -15,13 +15,6 @@ std::optional<PacketClassSet> PXUDPPacket::allowedParentProtocols() {
     return PacketClassSet{&PXIPv4Packet::staticClass(), &PXIPv6Packet::staticClass()};
 }
 
-std::optional<PacketClassSet> PXUDPPacket::restrictedChildProtocols() const {
-    if (!leadsToMDNS()) return std::nullopt;
-    // The mDNS class lives in the protocols layer, above this one; its
-    // registry position is fixed with the other built-in classes.
-    return PacketClassSet::ofBuiltIns(detail::kPXMDNSPacketIndex);
-}
-
 PXPacketPtr PXUDPPacket::packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed) {
     return decodeLayer<PXUDPPacket>(data, parent, consumed);
 }

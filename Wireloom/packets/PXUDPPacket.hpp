@@ -27,7 +27,16 @@ public:
     bool leadsToMDNS() const noexcept { return ports_ == (std::uint32_t{kMDNSPort} << 16 | kMDNSPort); }
 
     static std::optional<PacketClassSet> allowedParentProtocols();
-    std::optional<PacketClassSet> restrictedChildProtocols() const override;
+    std::optional<PacketClassSet> restrictedChildProtocols() const override { return childRestriction(); }
+    // The same without the virtual call, inline for the decode chain: an
+    // optional returned from a call goes back through memory, which stalled
+    // the load that read it.
+    std::optional<PacketClassSet> childRestriction() const noexcept {
+        if (!leadsToMDNS()) return std::nullopt;
+        // The mDNS class lives in the protocols layer, above this one; its
+        // registry position is fixed with the other built-in classes.
+        return PacketClassSet::ofBuiltIns(detail::kPXMDNSPacketIndex);
+    }
     static PXPacketPtr packetFromData(const ByteBuffer& data, const PXPacketPtr& parent, std::uint32_t* consumed);
     std::string name() const override { return "UDP Packet"; }
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntry() const override;
