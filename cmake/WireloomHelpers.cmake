@@ -38,6 +38,13 @@ function(wireloom_add_layer name)
     target_link_libraries(wireloom_${name} PUBLIC ${ARG_LIBRARIES})
   endif()
   wireloom_set_warnings(wireloom_${name})
+  # Functions start on a cache line and loops on a 32-byte fetch block: the
+  # decoders' speed moves by several per cent with where their hot code
+  # falls. Aligned, the mDNS file pass ran 2.5 % faster in three alternating
+  # runs, and the frame decode no slower.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(wireloom_${name} PRIVATE -falign-functions=64 -falign-loops=32)
+  endif()
   set_property(GLOBAL APPEND PROPERTY WIRELOOM_LAYERS ${name})
   set_property(GLOBAL PROPERTY WIRELOOM_LAYER_DEPS_${name} ${ARG_DEPENDS})
 endfunction()
