@@ -59,8 +59,10 @@ public:
     // The new layer, not linked yet, or null. The built-in classes are read
     // straight into the chain's storage; any other class goes through its
     // public decoder, which makes its layer in the chain too (newLayer).
-    [[gnu::always_inline]] PXPacket* decode(const PacketClass& cls, const ByteBuffer& data, std::uint32_t* consumed) {
-        switch (cls.registryIndex()) {
+    // index is cls's registry index, which the caller has at hand.
+    [[gnu::always_inline]] PXPacket* decode(int index, const PacketClass& cls, const ByteBuffer& data,
+                                            std::uint32_t* consumed) {
+        switch (index) {
         case kPXEthernetPacketIndex: return decodeBuiltIn<PXEthernetPacket>(data, consumed, true);
         case kPXBSDLoopbackPacketIndex: return decodeBuiltIn<PXBSDLoopbackPacket>(data, consumed, true);
         case kPXIPv4PacketIndex: return decodeBuiltIn<PXIPv4Packet>(data, consumed, true);
@@ -128,7 +130,7 @@ public:
         return *current_;
     }
     const PXPacket& currentLayer() const noexcept { return *current_; }
-    PXPacketPtr decode(const PacketClass& cls, const ByteBuffer& data, std::uint32_t* consumed) {
+    PXPacketPtr decode(int, const PacketClass& cls, const ByteBuffer& data, std::uint32_t* consumed) {
         return cls.decode(data, current_, consumed);
     }
     // The reference current held moves into the child rather than being copied.
@@ -164,9 +166,9 @@ std::optional<PacketClassSet> linkLayerRestriction(int linkLayerType) noexcept {
 // layer from any other decoder is asked through its virtual functions, which
 // its class may override.
 // Inlined into the chain loop, whose every layer takes it.
-[[gnu::always_inline]] inline LayerRules rulesBelow(const PXPacket& layer, const PacketClass& decodedBy) {
+[[gnu::always_inline]] inline LayerRules rulesBelow(const PXPacket& layer, int decodedBy) {
     using namespace detail;
-    switch (decodedBy.registryIndex()) {
+    switch (decodedBy) {
     case kPXEthernetPacketIndex:
         return {kPXEthernetPacketIndex,
                 childClassesForEtherType(static_cast<const PXEthernetPacket&>(layer).payloadType())};
@@ -252,19 +254,22 @@ PXPacketPtr decodeAutomatically(Builder& chain, const PacketRegistry& registry, 
         // reference counting; what a layer keeps of it owns its bytes.
         const ByteBuffer remaining = frame.borrowedView(offset, frame.size() - offset);
         // A raw layer from the chain owned as one, a share from the other.
-        decltype(chain.decode(PXPacket::staticClass(), remaining, nullptr)) child{};
+        decltype(chain.decode(0, PXPacket::staticClass(), remaining, nullptr)) child{};
         std::uint32_t consumed = 0;
-        const PacketClass* decodedBy = nullptr;
-        for (const PacketClass& candidate : candidates) {
+        int decodedBy = -1;
+        // The set's bit positions are the registry indices: switching on them
+        // rather than on the class's own copy spares every layer two
+        // dependent loads before its decoder is even chosen.
+        for (auto it = candidates.begin(); it != candidates.end(); ++it) {
             consumed = 0;
-            child = chain.decode(candidate, remaining, &consumed);
+            child = chain.decode(it.index(), *it, remaining, &consumed);
             if (child) {
-                decodedBy = &candidate;
+                decodedBy = it.index();
                 break;
             }
         }
         if (!child) break;
-        rules = rulesBelow(*child, *decodedBy);
+        rules = rulesBelow(*child, decodedBy);
         chain.link(std::move(child));
         if (consumed >= remaining.size()) break;
         offset += consumed;
@@ -281,7 +286,7 @@ PXPacketPtr decodeClasses(Builder& chain, std::span<const PacketClass* const> cl
     for (auto it = classes.rbegin(); it != classes.rend(); ++it) {
         const ByteBuffer remaining = frame.borrowedView(offset, frame.size() - offset);
         std::uint32_t consumed = 0;
-        auto child = chain.decode(**it, remaining, &consumed);
+        auto child = chain.decode((*it)->registryIndex(), **it, remaining, &consumed);
         if (!child) break;
         chain.link(std::move(child));
         if (consumed >= remaining.size()) break;

@@ -134,9 +134,9 @@ public:
     class iterator {
     public:
         explicit iterator(std::uint64_t bits) noexcept : bits_(bits) {}
-        const PacketClass& operator*() const noexcept {
-            return *detail::gRegisteredPacketClasses[std::countr_zero(bits_)];
-        }
+        const PacketClass& operator*() const noexcept { return *detail::gRegisteredPacketClasses[index()]; }
+        // The registry index of the class it points at.
+        int index() const noexcept { return std::countr_zero(bits_); }
         iterator& operator++() noexcept {
             bits_ &= bits_ - 1;
             return *this;
