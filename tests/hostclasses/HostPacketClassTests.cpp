@@ -23,7 +23,6 @@ public:
         return cls;
     }
     const PacketClass& packetClass() const override { return staticClass(); }
-    std::string name() const override { return "Beacon"; }
 
     std::weak_ptr<PXPacket> parentSeenByDecoder;
 
@@ -42,28 +41,33 @@ const bool kRegistered = [] {
     return true;
 }();
 
-Bytes udpFrame(const char* payload) {
-    return ethernet(kMacB, kMacA, kEtherTypeIPv4,
-                    ipv4(kClient4, kServer4, kProtoUDP, udp(4000, 4001, bytesOf(payload))));
-}
+Bytes udpFrame(const char* payload) { return ethernet4(kProtoUDP, udp(4000, 4001, bytesOf(payload))); }
 
 }  // namespace
 
-TEST(HostPacketClass, DecodesBelowItsParentAndLeavesOtherFramesAlone) {
+TEST(HostPacketClass, DecodesBelowItsParentInBothDecodersAndLeavesOtherFramesAlone) {
     ASSERT_TRUE(kRegistered);
     ASSERT_TRUE(PXPacket::packetClasses().contains(PXTestBeaconPacket::staticClass()));
 
     PXPacketPtr beacon = decode(udpFrame("BEACON!"));
-    EXPECT_EQ(layerNames(beacon),
-              (std::vector<std::string>{"PXEthernetPacket", "PXIPv4Packet", "PXUDPPacket", "PXTestBeaconPacket"}));
+    EXPECT_EQ(shape(beacon), "Ethernet IPv4 UDP TestBeacon");
     auto& typed = static_cast<PXTestBeaconPacket&>(*beacon);
     EXPECT_EQ(typed.parentSeenByDecoder.lock(), beacon->encapsulatingPacket());
     EXPECT_EQ(beacon->packetWithProtocol<PXUDPPacket>()->destPort(), 4001);
     EXPECT_EQ(beacon->timestamp(), 1700000000.25);
 
     PXPacketPtr plain = decode(udpFrame("hello"));
-    EXPECT_EQ(layerNames(plain), (std::vector<std::string>{"PXEthernetPacket", "PXIPv4Packet", "PXUDPPacket"}));
+    EXPECT_EQ(shape(plain), "Ethernet IPv4 UDP");
     EXPECT_EQ(std::static_pointer_cast<PXUDPPacket>(plain)->payload().stringView(), "hello");
+
+    // The directed decoder takes it among built-in classes.
+    beacon = decodeAs(udpFrame("BEACON"),
+                      {&PXTestBeaconPacket::staticClass(), &PXUDPPacket::staticClass(), &PXIPv4Packet::staticClass(),
+                       &PXEthernetPacket::staticClass()},
+                      5.0);
+    ASSERT_TRUE(beacon);
+    EXPECT_EQ(&beacon->packetClass(), &PXTestBeaconPacket::staticClass());
+    EXPECT_EQ(beacon->rootPacket()->timestamp(), 5.0);
 }
 
 TEST(HostPacketClass, OwnershipRunsOutwardAsForBuiltInLayers) {
@@ -82,15 +86,4 @@ TEST(HostPacketClass, OwnershipRunsOutwardAsForBuiltInLayers) {
     EXPECT_FALSE(udpLayer->encapsulatedPacket());
     udpLayer.reset();
     EXPECT_TRUE(root.expired());
-}
-
-TEST(HostPacketClass, DirectedDecoderMixesItWithBuiltIns) {
-    const Bytes frame = udpFrame("BEACON");
-    PXPacketPtr beacon = PXPacket::packetWithRawData(ByteBuffer::copy(frame),
-                                                     {&PXTestBeaconPacket::staticClass(), &PXUDPPacket::staticClass(),
-                                                      &PXIPv4Packet::staticClass(), &PXEthernetPacket::staticClass()},
-                                                     5.0, static_cast<std::uint32_t>(frame.size()));
-    ASSERT_TRUE(beacon);
-    EXPECT_EQ(&beacon->packetClass(), &PXTestBeaconPacket::staticClass());
-    EXPECT_EQ(beacon->rootPacket()->timestamp(), 5.0);
 }

@@ -4,124 +4,39 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 using namespace wireloom;
 using namespace wireloom::testing;
 
 namespace {
-template <class T>
-T at(const ByteBuffer& buffer, std::size_t offset) {
-    T value;
-    std::memcpy(&value, buffer.data() + offset, sizeof value);
-    return value;
-}
-}  // namespace
 
-TEST(Pcap, GlobalHeaderInHostOrder) {
-    ByteBuffer header = PXPacket::pcapHeaderForLinkLayerType(1);
-    ASSERT_EQ(header.size(), 24u);
-    EXPECT_EQ(at<std::uint32_t>(header, 0), 0xa1b2c3d4u);
-    EXPECT_EQ(at<std::uint16_t>(header, 4), 2);
-    EXPECT_EQ(at<std::uint16_t>(header, 6), 4);
-    EXPECT_EQ(at<std::uint32_t>(header, 16), 65535u);
-    EXPECT_EQ(at<std::uint32_t>(header, 20), 1u);
-
-    PXPacketPtr undecoded = decode(Bytes(3, 0), 228);
-    EXPECT_EQ(at<std::uint32_t>(PXPacket::pcapHeaderForRepresentativePacket(*undecoded), 20), 0xffffffffu);
-    PXPacketPtr loop = decode(loopback(kLoopbackIPv4, Bytes(4, 0)), 0);
-    EXPECT_EQ(at<std::uint32_t>(PXPacket::pcapHeaderForRepresentativePacket(*loop), 20), 0u);
-}
-
-TEST(Pcap, RecordRoundsMicrosecondsWithoutCarry) {
-    Bytes frame = ethernet(kMacB, kMacA, kEtherTypeIPv4, ipv4(kClient4, kServer4, kProtoUDP, udp(1, 2, bytesOf("x"))));
-    PXPacketPtr packet = decode(frame);
-    packet->rootPacket()->setTimestamp(1.9999996);
-    packet->rootPacket()->setLengthOnWire(1514);
-    ByteBuffer entry = packet->pcapFileEntry();  // any layer writes the whole frame
-    ASSERT_EQ(entry.size(), 16 + frame.size());
-    EXPECT_EQ(at<std::uint32_t>(entry, 0), 1u);
-    EXPECT_EQ(at<std::uint32_t>(entry, 4), 1000000u);
-    EXPECT_EQ(at<std::uint32_t>(entry, 8), frame.size());
-    EXPECT_EQ(at<std::uint32_t>(entry, 12), 1514u);
-    EXPECT_EQ(std::memcmp(entry.data() + 16, frame.data(), frame.size()), 0);
-
-    packet->rootPacket()->setTimestamp(1700000000.123456);
-    entry = packet->pcapFileEntry();
-    EXPECT_EQ(at<std::uint32_t>(entry, 0), 1700000000u);
-    EXPECT_EQ(at<std::uint32_t>(entry, 4), 123456u);
-}
-
-TEST(Pcap, WrittenFileReadsBackThroughLibpcap) {
-    std::string path = ::testing::TempDir() + "roundtrip.pcap";
-    Bytes frame = ethernet(kMacB, kMacA, kEtherTypeIPv4, ipv4(kClient4, kServer4, kProtoUDP, udp(7, 9, bytesOf("hi"))));
-    ASSERT_TRUE(writePcap(path, 1, {{1.5, frame, 0}, {2.25, frame, 60}}));
-    std::string error;
-    auto file = PXCaptureFile::open(path, &error);
-    ASSERT_TRUE(file) << error;
-    PXPacketPtr first = file->nextPacket(&error);
-    PXPacketPtr second = file->nextPacket(&error);
-    ASSERT_TRUE(first && second);
-    EXPECT_FALSE(file->nextPacket(&error));
-    EXPECT_TRUE(error.empty());
-    EXPECT_DOUBLE_EQ(second->timestamp(), 2.25);
-    EXPECT_EQ(second->lengthOnWire(), 60u);
-    EXPECT_EQ(std::static_pointer_cast<PXUDPPacket>(first)->payload().stringView(), "hi");
-}
-
-TEST(CaptureFile, GarbageAndTruncatedFiles) {
-    std::string garbage = ::testing::TempDir() + "garbage.pcap";
-    std::FILE* f = std::fopen(garbage.c_str(), "wb");
-    std::fputs("this is not a capture file at all", f);
+void writeFile(const std::string& path, const std::string& contents) {
+    std::FILE* f = std::fopen(path.c_str(), "wb");
+    std::fwrite(contents.data(), 1, contents.size(), f);
     std::fclose(f);
-    std::string error;
-    EXPECT_FALSE(PXCaptureFile::open(garbage, &error));
-    EXPECT_FALSE(error.empty());
-    EXPECT_FALSE(PXCaptureFile::open(::testing::TempDir() + "missing.pcap", &error));
-
-    std::string cut = ::testing::TempDir() + "cut.pcap";
-    Bytes frame = ethernet(kMacB, kMacA, kEtherTypeARP, Bytes(28, 0));
-    ASSERT_TRUE(writePcap(cut, 1, {{1, frame, 0}, {2, frame, 0}}));
-    ASSERT_EQ(truncate(cut.c_str(), 24 + 16 + static_cast<off_t>(frame.size()) + 10), 0);
-    auto file = PXCaptureFile::open(cut, &error);
-    ASSERT_TRUE(file);
-    EXPECT_TRUE(file->nextPacket(&error));
-    EXPECT_FALSE(file->nextPacket(&error));
-    EXPECT_NE(error.find("truncated"), std::string::npos) << error;
 }
-
-namespace {
 
 // A classic pcap file byte by byte, in either byte order, so that every
 // field a reader might get wrong can be set.
 struct RawPcap {
-    bool swapped = false;
+    bool bigEndian;
     Bytes bytes;
-    void put32(std::uint32_t v) {
-        if (swapped) v = __builtin_bswap32(v);
-        bytes.insert(bytes.end(), reinterpret_cast<std::uint8_t*>(&v), reinterpret_cast<std::uint8_t*>(&v) + 4);
+    void put(std::uint32_t v, int size) {
+        for (int i = 0; i < size; ++i)
+            bytes.push_back(static_cast<std::uint8_t>(v >> 8 * (bigEndian ? size - 1 - i : i)));
     }
-    void put16(std::uint16_t v) {
-        if (swapped) v = __builtin_bswap16(v);
-        bytes.insert(bytes.end(), reinterpret_cast<std::uint8_t*>(&v), reinterpret_cast<std::uint8_t*>(&v) + 2);
-    }
-    RawPcap(bool swap, std::uint32_t magic, std::uint16_t minor, std::uint32_t snaplen, std::uint32_t linkType)
-        : swapped(swap) {
-        put32(magic);
-        put16(2);
-        put16(minor);
-        put32(0);
-        put32(0);
-        put32(snaplen);
-        put32(linkType);
+    RawPcap(bool swapped, std::uint32_t magic, std::uint16_t minor, std::uint32_t snaplen, std::uint32_t linkType)
+        : bigEndian(swapped != (std::endian::native == std::endian::big)) {
+        for (auto [value, size] :
+             {std::pair<std::uint32_t, int>{magic, 4}, {2, 2}, {minor, 2}, {0, 4}, {0, 4}, {snaplen, 4}, {linkType, 4}})
+            put(value, size);
     }
     // `stored` bytes of data follow, whatever caplen says.
     void record(std::uint32_t seconds, std::uint32_t fraction, std::uint32_t caplen, std::uint32_t len,
                 std::size_t stored) {
-        put32(seconds);
-        put32(fraction);
-        put32(caplen);
-        put32(len);
+        for (std::uint32_t value : {seconds, fraction, caplen, len}) put(value, 4);
         for (std::size_t i = 0; i < stored; ++i) bytes.push_back(static_cast<std::uint8_t>(i * 7 + caplen));
     }
     void record(std::uint32_t seconds, std::uint32_t fraction, std::uint32_t caplen) {
@@ -158,14 +73,64 @@ std::string readAll(const std::string& path, bool libpcapAlone) {
 
 }  // namespace
 
+TEST(Pcap, HeaderAndRecordsInHostOrder) {
+    const pcap_file_header expected{0xa1b2c3d4u, 2, 4, 0, 0, 65535, DLT_EN10MB};
+    EXPECT_EQ(PXPacket::pcapHeaderForRepresentativePacket(*decode(arpRequest(kMacA, kClient4, kServer4))),
+              ByteBuffer::copy(&expected, sizeof expected));
+    // The link type comes from the first decoded layer, -1 when there is none.
+    auto linkType = [](const PXPacketPtr& packet) {
+        std::uint32_t type;
+        std::memcpy(&type, PXPacket::pcapHeaderForRepresentativePacket(*packet).data() + 20, sizeof type);
+        return type;
+    };
+    EXPECT_EQ(linkType(decode(Bytes(3, 0), 228)), 0xffffffffu);
+    EXPECT_EQ(linkType(decode(loopback(kLoopbackIPv4, Bytes(4, 0)), DLT_NULL)), 0u);
+
+    // Records round the microseconds, without carrying them into the seconds;
+    // any layer writes the whole frame.
+    Bytes frame = ethernet4(kProtoUDP, udp(1, 2, bytesOf("x")));
+    PXPacketPtr packet = decode(frame);
+    packet->rootPacket()->setLengthOnWire(1514);
+    auto record = [&](double timestamp, std::uint32_t seconds, std::uint32_t micros) {
+        packet->rootPacket()->setTimestamp(timestamp);
+        const std::uint32_t header[] = {seconds, micros, static_cast<std::uint32_t>(frame.size()), 1514};
+        Bytes bytes(reinterpret_cast<const std::uint8_t*>(header), reinterpret_cast<const std::uint8_t*>(header + 4));
+        bytes.insert(bytes.end(), frame.begin(), frame.end());
+        EXPECT_EQ(packet->pcapFileEntry(), ByteBuffer::copy(bytes)) << timestamp;
+    };
+    record(1.9999996, 1, 1000000);
+    record(1700000000.123456, 1700000000, 123456);
+}
+
+TEST(CaptureFile, ReadsWhatTheLibraryWritesAndRefusesGarbage) {
+    std::string path = ::testing::TempDir() + "roundtrip.pcap", error;
+    Bytes frame = ethernet4(kProtoUDP, udp(7, 9, bytesOf("hi")));
+    ASSERT_TRUE(writePcap(path, 1, {{1.5, frame, 0}, {2.25, frame, 60}, {3, frame, 0}}));
+    ASSERT_EQ(truncate(path.c_str(), 24 + 3 * 16 + 2 * static_cast<off_t>(frame.size()) + 10), 0);
+    auto file = PXCaptureFile::open(path, &error);
+    ASSERT_TRUE(file) << error;
+    PXPacketPtr first = file->nextPacket(&error);
+    PXPacketPtr second = file->nextPacket(&error);
+    ASSERT_TRUE(first && second) << error;
+    EXPECT_EQ(std::static_pointer_cast<PXUDPPacket>(first)->payload().stringView(), "hi");
+    EXPECT_DOUBLE_EQ(second->timestamp(), 2.25);
+    EXPECT_EQ(second->lengthOnWire(), 60u);
+    EXPECT_FALSE(file->nextPacket(&error));
+    EXPECT_NE(error.find("truncated"), std::string::npos) << error;
+
+    writeFile(path, "this is not a capture file at all");
+    error.clear();
+    EXPECT_FALSE(PXCaptureFile::open(path, &error));
+    EXPECT_FALSE(error.empty());
+    EXPECT_FALSE(PXCaptureFile::open(::testing::TempDir() + "missing.pcap", &error));
+}
+
 // Records are read without libpcap where it would only pass them through;
 // whatever the file holds, the records and errors must be libpcap's own.
 TEST(CaptureFile, RecordsAndErrorsAreLibpcapsInEveryLayout) {
     const std::string path = ::testing::TempDir() + "layout.pcap";
     auto check = [&](const RawPcap& file, const char* what) {
-        std::FILE* f = std::fopen(path.c_str(), "wb");
-        std::fwrite(file.bytes.data(), 1, file.bytes.size(), f);
-        std::fclose(f);
+        writeFile(path, std::string(file.bytes.begin(), file.bytes.end()));
         const std::string expected = readAll(path, true);
         EXPECT_EQ(readAll(path, false), expected) << what;
         return expected;
@@ -206,7 +171,7 @@ TEST(CaptureFile, RecordsAndErrorsAreLibpcapsInEveryLayout) {
     check(usb, "Linux USB");
 }
 
-TEST(ByteBufferUtilities, DigestsEncodingsAndText) {
+TEST(ByteBufferUtilities, DigestsEncodingsAndHexParsing) {
     ByteBuffer abc = ByteBuffer::fromString("abc");
     EXPECT_EQ(abc.sha256HexDigest(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
     EXPECT_EQ(abc.md5HexDigest(), "900150983cd24fb0d6963f7d28e17f72");
@@ -214,21 +179,18 @@ TEST(ByteBufferUtilities, DigestsEncodingsAndText) {
     EXPECT_EQ(ByteBuffer::fromString("foob").base64EncodedString(), "Zm9vYg==");
     EXPECT_EQ(ByteBuffer().base64EncodedString(), "");
     // No line breaks however long the input.
-    EXPECT_EQ(ByteBuffer::copy(Bytes(300, 0xff).data(), 300).base64EncodedString()->find('\n'), std::string::npos);
-    EXPECT_EQ(ByteBuffer::copy(Bytes{0x00, 0x0f, 0xa0, 0xff}.data(), 4).hexEncodedString(), "000fa0ff");
+    EXPECT_EQ(ByteBuffer::copy(Bytes(300, 0xff)).base64EncodedString()->find('\n'), std::string::npos);
+    EXPECT_EQ(ByteBuffer::copy(Bytes{0x00, 0x0f, 0xa0, 0xff}).hexEncodedString(), "000fa0ff");
     EXPECT_EQ(ByteBuffer::fromString("a\tb\r\nc\x7f\x1f~ ").bestEffortASCIIStringDiscardingInvalidBytes(), "abc~ ");
-    EXPECT_EQ(ByteBuffer().bestEffortASCIIStringDiscardingInvalidBytes(), "");
-}
 
-TEST(ByteBufferUtilities, HexParsingSkipsWhatItDoesNotKnow) {
-    EXPECT_EQ(ByteBuffer::dataWithHexString("0A1b"), ByteBuffer::copy(Bytes{0x01, 0xb0}.data(), 2));
-    EXPECT_EQ(ByteBuffer::dataWithHexString("de ad-be:ef"), ByteBuffer::copy(Bytes{0xde, 0xad, 0xbe, 0xef}.data(), 4));
-    EXPECT_TRUE(ByteBuffer::dataWithHexString("").empty());
+    // Hex parsing skips what it does not know, and an odd digit is a high nibble.
+    EXPECT_EQ(ByteBuffer::dataWithHexString("0A1b"), ByteBuffer::copy(Bytes{0x01, 0xb0}));
+    EXPECT_EQ(ByteBuffer::dataWithHexString("de ad-be:ef"), ByteBuffer::copy(Bytes{0xde, 0xad, 0xbe, 0xef}));
     EXPECT_TRUE(ByteBuffer::dataWithHexString("XYZ").empty());
-    EXPECT_EQ(ByteBuffer::dataWithHexString("f"), ByteBuffer::copy(Bytes{0xf0}.data(), 1));
+    EXPECT_EQ(ByteBuffer::dataWithHexString("f"), ByteBuffer::copy(Bytes{0xf0}));
 }
 
-TEST(ByteBufferUtilities, SubrangesShareStorage) {
+TEST(ByteBufferUtilities, SubrangesShareStorageAndBorrowedViewsOwnOnceCopied) {
     ByteBuffer whole = ByteBuffer::fromString("0123456789");
     ByteBuffer middle = whole.subrange(2, 5);
     EXPECT_EQ(middle.stringView(), "23456");
@@ -236,9 +198,7 @@ TEST(ByteBufferUtilities, SubrangesShareStorage) {
     EXPECT_EQ(middle.subrange(4).stringView(), "6");
     EXPECT_TRUE(whole.subrange(10).empty());
     EXPECT_NE(whole.subrange(10).data(), nullptr);
-}
 
-TEST(ByteBufferUtilities, BorrowedViewsOwnOnceCopied) {
     ByteBuffer copied, moved, sub;
     {
         ByteBuffer lender = ByteBuffer::fromString("borrowed bytes");
@@ -246,8 +206,7 @@ TEST(ByteBufferUtilities, BorrowedViewsOwnOnceCopied) {
         EXPECT_EQ(view.data(), lender.data() + 9);
         copied = view;
         sub = view.subrange(1, 3);
-        ByteBuffer again = lender.borrowedView(0, 8).borrowedView(0, 3);
-        moved = std::move(again);
+        moved = lender.borrowedView(0, 8).borrowedView(0, 3);
     }
     // The lender is gone; everything taken from its views still holds bytes.
     EXPECT_EQ(copied.stringView(), "bytes");
