@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 
@@ -13,10 +14,6 @@ using namespace wireloom;
 namespace {
 
 using Entry = PXReportAnalyzerEntry;
-
-class Described : public Object {
-    std::string description() const override { return "described"; }
-};
 
 std::vector<std::string> childTitles(const Entry::Ptr& entry) {
     std::vector<std::string> titles;
@@ -38,9 +35,8 @@ TEST(EntryBuilders, ValueKindsFormatTheirValues) {
     for (const Case& c :
          {Case{big, 0, "k: 18364758544493064720"}, Case{5, 1, "k: 0x5"}, Case{5, 2, "k: 0x05"},
           Case{0x800, 3, "k: 0x0800"}, Case{0x86dd, 4, "k: 0x000086dd"}, Case{big, 5, "k: 0xfedcba9876543210"},
-          Case{1.5, 6, "k: 1.500000"}, Case{"text", 7, "k: text"},
-          Case{std::make_shared<Described>(), 7, "k: described"}, Case{true, 9, "k: YES"}, Case{false, 9, "k: NO"},
-          Case{Value(), 0, "k: (null)"}, Case{Value(), 8, "k: (null)"}}) {
+          Case{1.5, 6, "k: 1.500000"}, Case{"text", 7, "k: text"}, Case{true, 9, "k: YES"}, Case{false, 9, "k: NO"},
+          Case{Value(), 0, "k: (null)"}, Case{5, 8, "k: (null)"}}) {
         auto line = e->setValue(c.value, "k", c.type);
         ASSERT_TRUE(line) << c.expected;
         EXPECT_EQ(line->plainTitle(), c.expected);
@@ -66,18 +62,11 @@ TEST(EntryBuilders, CountedTitlesAndThePluralRule) {
     e->setTitleWithLabel(std::nullopt, 3, "entry");
     EXPECT_EQ(e->plainTitle(), "3 entries");
     EXPECT_EQ(Entry::pluralOfUnit("day"), "days");
-    EXPECT_EQ(Entry::pluralOfUnit("key"), "keys");
-    EXPECT_EQ(Entry::pluralOfUnit("way"), "ways");
     EXPECT_EQ(Entry::pluralOfUnit("awy"), "awies");  // w counts as a consonant, deliberately
     // The coloured variant only ever appends "s".
     e->setTitleWithLabel("Records", Color::red(), 2, "entry");
     EXPECT_EQ(e->plainTitle(), "Records (2 entrys)");
     EXPECT_EQ(e->title()->stringWithoutColorizedText(), " ( entrys)");
-}
-
-TEST(EntryBuildersDeathTest, UnitsMustBeSingular) {
-    auto e = Entry::entry();
-    EXPECT_DEATH(e->setTitleWithLabel(std::optional<std::string>("x"), 2, "bytes"), "Units must be singular");
 }
 
 TEST(EntryBuilders, ErrorLinesAndPairedFields) {
@@ -94,34 +83,17 @@ TEST(EntryBuilders, ErrorLinesAndPairedFields) {
     EXPECT_EQ(childTitles(section), (std::vector<std::string>{"a: 1", "b: (null)"}));
 }
 
-TEST(EntryBuilders, HexDumpLayout) {
-    auto e = Entry::entry();
-    auto dump = e->addEntryWithData(ByteBuffer::fromString("GET / HTTP"), "Payload");
-    EXPECT_EQ(dump->plainTitle(), "Payload (10 bytes)");
-    EXPECT_EQ(childTitles(dump), (std::vector<std::string>{"0000 47455420 2f204854    GET / HT",
-                                                           "0008 5450" + std::string(17, ' ') + "TP"}));
-    EXPECT_TRUE(dump->children()->front()->displayUsingFixedPitchFont());
-    // Offset and dots grey, printable characters blue, hex plain.
-    auto line = dump->children()->front()->title();
-    EXPECT_EQ(line->stringWithoutColorizedText(), " 47455420 2f204854    ");
-
-    EXPECT_EQ(childTitles(e->addEntryWithData(ByteBuffer::copy("\x01\x41\x7f\x20", 4), "Four")),
-              std::vector<std::string>{"0000 01417f20" + std::string(1 + 8 + 4, ' ') + ".A. "});
-
-    auto empty = e->setValue(ByteBuffer(), "Payload", 8);
-    EXPECT_EQ(empty->plainTitle(), "Payload (0 bytes)");
-    EXPECT_EQ(empty->numChildren(), 0u);
-
-    std::vector<std::uint8_t> large(0x10008, 0);
-    auto wide = e->addEntryWithData(ByteBuffer::copy(large.data(), large.size()));
-    EXPECT_EQ(wide->children()->back()->plainTitle().substr(0, 6), "10000 ");
-}
-
-TEST(EntryBuilders, HexDumpLinesOfEveryByteMatchPrintfAndBothWritersAgree) {
-    std::vector<std::uint8_t> bytes(256 + 5);
-    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * 167 + 3);
+// Every byte value in every column, and a last line of five bytes at an
+// offset past four digits (its characters either side of the printable
+// range), against printf; the plain writer, used while the lines are not
+// built, agrees with the lines.
+TEST(EntryBuilders, HexDumpsMatchPrintfLineForLine) {
+    std::vector<std::uint8_t> bytes(0x10000 + 5);
+    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * 167 + 3 + i / 2048);
+    std::copy_n("\x1f\x20\x7e\x7f\x41", 5, bytes.end() - 5);
     auto e = Entry::entry();
     auto dump = e->addEntryWithData(ByteBuffer::copy(bytes.data(), bytes.size()), "All");
+    EXPECT_EQ(dump->plainTitle(), "All (65541 bytes)");
     std::string plain(dump->hexDumpTextBound("  "), '\0');
     plain.resize(static_cast<std::size_t>(dump->writeHexDumpText(plain.data(), "  ") - plain.data()));
 
@@ -143,4 +115,12 @@ TEST(EntryBuilders, HexDumpLinesOfEveryByteMatchPrintfAndBothWritersAgree) {
     EXPECT_EQ(plain, expected);
     EXPECT_EQ(fromLines, expected);
     EXPECT_EQ(dump->hexDumpTextBound("  "), 0u);  // its lines are built now
+    // Fixed pitch; offset and characters coloured, the hex plain.
+    const auto& first = dump->children()->front();
+    EXPECT_TRUE(first->displayUsingFixedPitchFont());
+    EXPECT_EQ(first->title()->stringWithoutColorizedText(), " 03aa51f8 9f46ed94    ");
+
+    auto empty = e->setValue(ByteBuffer(), "Payload", 8);
+    EXPECT_EQ(empty->plainTitle(), "Payload (0 bytes)");
+    EXPECT_EQ(empty->numChildren(), 0u);
 }

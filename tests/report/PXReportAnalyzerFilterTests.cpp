@@ -1,6 +1,7 @@
 // The report filter: words, the incremental filter on append, the complete
-// filter with its intersection fold, sources without text, editing the
-// lists, and concurrent runs against a serial one and a plain reference.
+// filter with its intersection fold, editing the lists, and concurrent runs
+// (sources without text among them) against a serial one and a plain
+// reference.
 #include <Wireloom/core/NotificationCenter.hpp>
 #include <Wireloom/report/PXReportAnalyzerEntry.hpp>
 #include <Wireloom/report/PXReportAnalyzerFilter.hpp>
@@ -9,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <random>
 
 using namespace wireloom;
@@ -18,31 +18,30 @@ namespace {
 
 // A source with a fixed text; one without text answers `decision` itself.
 // Its entry is made when asked, so that a test can give it a view.
-class TextSource : public wireloom::testing::StubEntrySource {
-public:
+struct TextSource : wireloom::testing::StubEntrySource {
     using StubEntrySource::StubEntrySource;
 
     std::shared_ptr<PXReportAnalyzerEntry> reportAnalyzerEntryUsingCache() override {
-        if (!entry_) {
-            entry_ = PXReportAnalyzerEntry::entry();
-            entry_->setSectionTitle(text());
-        }
-        return entry_;
+        if (!entry) entry = PXReportAnalyzerEntry::entry();
+        return entry;
     }
-    bool hasCachedReportAnalyzerEntry() const override { return entry_ != nullptr; }
-    bool filterShouldIncludeEntryUsingInclusiveWords(const std::vector<std::string>& inclusive,
-                                                     const std::vector<std::string>& exclusive) override {
-        ++decisions;
-        return StubEntrySource::filterShouldIncludeEntryUsingInclusiveWords(inclusive, exclusive);
-    }
+    bool hasCachedReportAnalyzerEntry() const override { return entry != nullptr; }
 
-    std::atomic<int> decisions{0};
-
-private:
-    std::shared_ptr<PXReportAnalyzerEntry> entry_;
+    std::shared_ptr<PXReportAnalyzerEntry> entry;
 };
 
 using SourcePtr = PXReportAnalyzerFilter::SourcePtr;
+using Texts = std::vector<std::string>;
+
+// The displayed sources' texts as indexed, checking that each knows its place.
+Texts shown(const PXReportAnalyzerFilter& filter) {
+    Texts texts;
+    for (const SourcePtr& source : filter.displayedEntrySources()) {
+        EXPECT_EQ(source->displayedFilterIndex(), static_cast<std::int64_t>(texts.size()));
+        texts.push_back(PXReportAnalyzerFilter::filterTextOf(static_cast<TextSource&>(*source).text()));
+    }
+    return texts;
+}
 
 class ReportFilter : public ::testing::Test {
 protected:
@@ -60,21 +59,10 @@ protected:
         filter->appendEntrySources({source});
         return source;
     }
-    // The texts of the displayed sources, checking that each knows its place.
-    std::vector<std::string> shown() const {
-        std::vector<std::string> texts;
-        for (const SourcePtr& source : filter->displayedEntrySources()) {
-            EXPECT_EQ(source->displayedFilterIndex(), static_cast<std::int64_t>(texts.size()));
-            texts.push_back(static_cast<TextSource&>(*source).text());
-        }
-        return texts;
-    }
 
     PXReportAnalyzerFilter::Ptr filter;
     std::vector<UserInfo> posted;
 };
-
-using Texts = std::vector<std::string>;
 
 }  // namespace
 
@@ -82,6 +70,8 @@ TEST_F(ReportFilter, WordsAreSplitLowerCasedAndOnlyAChangeRuns) {
     EXPECT_EQ(PXReportAnalyzerFilter::wordsOfFilterString(" GET\t/Index.HTML\n\nhost\xC2\xA0x\xE3\x80\x80\xC3\x84Y "),
               (Texts{"get", "/index.html", "host", "x", "\xC3\x84y"}));
     EXPECT_TRUE(PXReportAnalyzerFilter::wordsOfFilterString(" \r\n ").empty());
+    // The index ends its records at zero bytes.
+    EXPECT_EQ(PXReportAnalyzerFilter::filterTextOf(std::string("GET\0/x", 6)), "get/x");
 
     add("GET /index.html");
     posted.clear();
@@ -96,96 +86,70 @@ TEST_F(ReportFilter, WordsAreSplitLowerCasedAndOnlyAChangeRuns) {
     EXPECT_EQ(posted.size(), 2u);  // both strings, one run
 }
 
-TEST_F(ReportFilter, AppendingUnderAFilterNumbersNewSourcesAfterTheShownOnes) {
-    add("tcp 10.0.0.1:80");
+TEST_F(ReportFilter, AppendsAreFilteredAsTheyComeAndCompleteRunsIntersectAndExclude) {
+    add("tcp a:80 get");
     filter->applyInclusiveFilterString("TCP");
     posted.clear();
-    auto a = std::make_shared<TextSource>("UDP 10.0.0.2:53");
-    auto b = std::make_shared<TextSource>("TCP 10.0.0.3:443");
-    auto c = std::make_shared<TextSource>("tcp 10.0.0.4:22");
-    filter->appendEntrySources({a, b, c});
-    EXPECT_EQ(shown(), (Texts{"tcp 10.0.0.1:80", "TCP 10.0.0.3:443", "tcp 10.0.0.4:22"}));
+    filter->appendEntrySources({std::make_shared<TextSource>("UDP a:53"), std::make_shared<TextSource>("TCP b:80 post"),
+                                std::make_shared<TextSource>("tcp a:443 get")});
+    EXPECT_EQ(shown(*filter), (Texts{"tcp a:80 get", "tcp b:80 post", "tcp a:443 get"}));
     ASSERT_EQ(posted.size(), 1u);
     EXPECT_EQ(*posted[0].at("newIndexes").indexSet(), IndexSet::withRange(1, 2));
     add("udp again");
     EXPECT_TRUE(posted.back().at("newIndexes").indexSet()->empty());
-    filter->applyInclusiveFilterString("udp");
-    EXPECT_EQ(shown(), (Texts{"UDP 10.0.0.2:53", "udp again"}));
-}
 
-TEST_F(ReportFilter, CompleteFilterIntersectsInclusiveAndRemovesExclusiveWords) {
-    for (const char* text : {"tcp a:80 get", "tcp b:80 post", "udp a:53", "tcp a:443 get"}) add(text);
     filter->applyInclusiveFilterString("tcp a:", "443");
-    EXPECT_EQ(shown(), (Texts{"tcp a:80 get"}));
-    // Exclusive words alone choose nothing among the indexed sources.
-    filter->applyInclusiveFilterString("", "udp");
-    EXPECT_TRUE(shown().empty());
-    filter->applyExclusiveFilterString("");
-    EXPECT_EQ(shown().size(), 4u);
+    EXPECT_EQ(shown(*filter), (Texts{"tcp a:80 get"}));
     EXPECT_TRUE(posted.back().empty());  // a complete run says nothing of new indexes
+    // Exclusive words alone choose nothing among the indexed sources.
+    filter->applyInclusiveFilterString("", "post");
+    EXPECT_TRUE(shown(*filter).empty());
+    filter->applyExclusiveFilterString("");
+    EXPECT_EQ(shown(*filter).size(), 5u);
+    filter->applyInclusiveFilterString("udp");
+    EXPECT_EQ(shown(*filter), (Texts{"udp a:53", "udp again"}));
 }
-
-TEST_F(ReportFilter, SourcesWithoutTextDecideForThemselves) {
-    add("tcp");
-    auto yes = add("", true);
-    auto no = add("", false);
-    EXPECT_EQ(filter->sourcesExcludedFromIndexer(), IndexSet({1, 2}));
-    EXPECT_EQ(shown().size(), 3u);  // no words: everything, without asking
-    EXPECT_EQ(yes->decisions + no->decisions, 0);
-    for (const char* words : {"tcp", "anything"}) {
-        filter->applyInclusiveFilterString(words);
-        EXPECT_EQ(filter->displayedEntrySources().back(), yes) << words;
-        EXPECT_EQ(std::count(filter->displayedEntrySources().begin(), filter->displayedEntrySources().end(), no), 0);
-    }
-    filter->applyInclusiveFilterString("", "tcp");
-    EXPECT_EQ(filter->displayedEntrySources(), std::vector<SourcePtr>{yes});
-    auto late = add("", true);  // appended under the filter
-    EXPECT_EQ(filter->displayedEntrySources().back(), late);
-}
-
-namespace {
-
-class RecordingView : public PXViewController {
-public:
-    double viewHeight() const override { return 10; }
-    void removeViewFromScreen() override { removed = true; }
-    bool removed = false;
-};
-
-}  // namespace
 
 TEST_F(ReportFilter, RemovingRenumbersAndKeepsTheIndexRight) {
+    struct RecordingView : PXViewController {
+        double viewHeight() const override { return 10; }
+        void removeViewFromScreen() override { removed = true; }
+        bool removed = false;
+    };
     std::vector<std::shared_ptr<TextSource>> all;
     for (const char* text : {"get one", "", "get two", "post number three", "get four"}) all.push_back(add(text, true));
     filter->applyInclusiveFilterString("get");
-    EXPECT_EQ(shown(), (Texts{"get one", "", "get two", "get four"}));
+    EXPECT_EQ(shown(*filter), (Texts{"get one", "", "get two", "get four"}));
     auto view = std::make_shared<RecordingView>();
     all[2]->reportAnalyzerEntryUsingCache()->setViewController(view);
     posted.clear();
 
     filter->removeEntrySource(all[2]);
     EXPECT_TRUE(view->removed);
-    EXPECT_EQ(shown(), (Texts{"get one", "", "get four"}));
+    EXPECT_EQ(shown(*filter), (Texts{"get one", "", "get four"}));
     EXPECT_EQ(posted.size(), 1u);
     filter->removeEntrySource(all[0]);
     EXPECT_EQ(filter->sourcesExcludedFromIndexer(), IndexSet({0}));  // "" moved to the front
     // The texts written before the removals still find their sources.
     filter->applyInclusiveFilterString("four");
-    EXPECT_EQ(shown(), (Texts{"", "get four"}));
+    EXPECT_EQ(shown(*filter), (Texts{"", "get four"}));
     filter->applyInclusiveFilterString("t");
     // One byte: only "three" has a t past the first 12 bytes of its text.
-    EXPECT_EQ(shown(), (Texts{"", "post number three"}));
+    EXPECT_EQ(shown(*filter), (Texts{"", "post number three"}));
 
     filter->insertEntrySource(std::make_shared<TextSource>("post zero"), 0);
-    EXPECT_EQ(shown(), (Texts{"post zero", "", "post number three"}));
+    filter->insertEntrySource(std::make_shared<TextSource>("", false), 2);
+    EXPECT_EQ(shown(*filter), (Texts{"post zero", "", "post number three"}));
     filter->applyInclusiveFilterString("post");
-    EXPECT_EQ(shown(), (Texts{"post zero", "", "post number three"}));
-    EXPECT_EQ(filter->sourcesExcludedFromIndexer(), IndexSet({1}));
+    EXPECT_EQ(shown(*filter), (Texts{"post zero", "", "post number three"}));
+    EXPECT_EQ(filter->sourcesExcludedFromIndexer(), IndexSet({1, 2}));
 
     filter->removeAllEntrySources();
-    EXPECT_TRUE(filter->sources().empty() && shown().empty() && filter->sourcesExcludedFromIndexer().empty());
+    EXPECT_TRUE(filter->sources().empty() && shown(*filter).empty() && filter->sourcesExcludedFromIndexer().empty());
     add("post again");
-    EXPECT_EQ(shown(), (Texts{"post again"}));
+    EXPECT_EQ(shown(*filter), (Texts{"post again"}));
+    filter->applyInclusiveFilterString("one");  // the old records went with the old file
+    EXPECT_TRUE(shown(*filter).empty());
 }
 
 // Random sources appended in batches under changing words, in a concurrent
@@ -217,14 +181,6 @@ TEST(ReportFilterConcurrency, ParallelAndSerialRunsEqualAPlainReference) {
         return (!throughIndex || !in.empty()) && std::all_of(in.begin(), in.end(), has) &&
                std::none_of(out.begin(), out.end(), has);
     };
-    const auto texts = [](const PXReportAnalyzerFilter& filter) {
-        Texts shown;
-        for (const SourcePtr& source : filter.displayedEntrySources()) {
-            EXPECT_EQ(source->displayedFilterIndex(), static_cast<std::int64_t>(shown.size()));
-            shown.push_back(PXReportAnalyzerFilter::filterTextOf(static_cast<TextSource&>(*source).text()));
-        }
-        return shown;
-    };
     const auto words = [&](std::size_t most) {
         std::string text;
         for (std::size_t n = random() % (most + 1); n > 0; --n) text += vocabulary[random() % vocabulary.size()] + " ";
@@ -253,8 +209,8 @@ TEST(ReportFilterConcurrency, ParallelAndSerialRunsEqualAPlainReference) {
         serial->appendEntrySources(forSerial);
         for (std::size_t i = twins.size() - forParallel.size(); i < twins.size(); ++i)
             if (passes(twins[i], parallel->state(), false)) expected.push_back(twins[i].text);
-        ASSERT_EQ(texts(*parallel), expected) << "append, round " << round;
-        ASSERT_EQ(texts(*serial), expected);
+        ASSERT_EQ(shown(*parallel), expected) << "append, round " << round;
+        ASSERT_EQ(shown(*serial), expected);
 
         const std::string inclusive = words(2), exclusive = words(1);
         const bool ran = parallel->applyInclusiveFilterString(inclusive, exclusive);
@@ -263,7 +219,7 @@ TEST(ReportFilterConcurrency, ParallelAndSerialRunsEqualAPlainReference) {
         expected.clear();
         for (const Twin& twin : twins)
             if (passes(twin, parallel->state(), true)) expected.push_back(twin.text);
-        ASSERT_EQ(texts(*parallel), expected) << inclusive << " / " << exclusive;
-        ASSERT_EQ(texts(*serial), expected);
+        ASSERT_EQ(shown(*parallel), expected) << inclusive << " / " << exclusive;
+        ASSERT_EQ(shown(*serial), expected);
     }
 }
