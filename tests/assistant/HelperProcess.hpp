@@ -1,22 +1,24 @@
 #pragma once
-// What the helper tests share: a helper process started the way systemd's
-// socket activation starts it (the listening socket as descriptor 3,
-// LISTEN_FDS=1, LISTEN_PID = the helper's own pid, LISTEN_FDNAMES=MasterSocket,
-// its log in a file), stand-ins for system tools, and a client.
+// What the assistant tests share: a helper process started the way systemd's
+// socket activation starts it, the library's client, and a fake system.
+#include <gtest/gtest.h>
 #include "support/Paths.hpp"
 
 #include <WLCaptureAssistant/GatewardenInternal.h>
+#include <WLCaptureAssistant/WLCaptureAssistantCommon.h>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -32,7 +34,7 @@
 
 namespace wireloom::testing {
 
-inline std::filesystem::path realHelperPath() { return binaryDir() / "cli" / "org.wireloom.WLCaptureAssistant"; }
+inline std::filesystem::path realHelperPath() { return binaryDir() / "cli" / WLCaptureAssistantLabel; }
 inline std::filesystem::path testHelperPath() { return binaryDir() / "WLCaptureAssistant" / "wl_test_helper"; }
 
 inline std::filesystem::path makeTemporaryFolder() {
@@ -49,23 +51,18 @@ inline std::string readFile(const std::filesystem::path& path) {
 inline std::string testIdentifier() { return "org.wireloom.test" + std::to_string(getpid()) + ".WLCaptureAssistant"; }
 inline std::string socketPathFor(const std::string& identifier) { return "/var/run/" + identifier + ".socket"; }
 
-inline sockaddr_un localAddress(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    return address;
-}
-
-// A local stream socket bound to path (and listening, if asked); -1 on failure.
-inline int boundSocket(const std::string& path, bool listening) {
-    unlink(path.c_str());
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address = localAddress(path);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || (listening && listen(fd, 16) != 0)) {
-        close(fd);
-        return -1;
-    }
-    chmod(path.c_str(), 0666);
+// A local stream socket bound to path (and then listening, if asked), or
+// else connected to it; -1 when that fails.
+inline int localSocket(const std::string& path, bool bound, bool listening = false) {
+    sockaddr_un address{.sun_family = AF_UNIX};
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    auto* name = reinterpret_cast<sockaddr*>(&address);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (bound) unlink(path.c_str());
+    if (bound ? bind(fd, name, sizeof(address)) != 0 || chmod(path.c_str(), 0666) != 0 ||
+                    (listening && listen(fd, 16) != 0)
+              : connect(fd, name, sizeof(address)) != 0)
+        return close(fd), -1;
     return fd;
 }
 
@@ -74,127 +71,137 @@ struct PlistDeleter {
 };
 using Plist = std::unique_ptr<void, PlistDeleter>;
 
+inline Plist dictionaryWith(const char* key, plist_t value) {
+    Plist dictionary(plist_new_dict());
+    plist_dict_set_item(dictionary.get(), key, value);
+    return dictionary;
+}
 inline std::string stringAt(const Plist& dictionary, const char* key) {
     plist_t node = dictionary ? plist_dict_get_item(dictionary.get(), key) : nullptr;
     return node && plist_get_node_type(node) == PLIST_STRING ? plist_get_string_ptr(node, nullptr) : "";
 }
 
+// The client's table: it knows commands the helpers do not, so that their
+// own answer to them can be seen.
+inline const GWDCommandSpec kClientTable[] = {{"VerifyPrivs"},
+                                              {"SetBPFAccess"},
+                                              {"ShutdownHelper"},
+                                              {"OpenPipes"},
+                                              {"NoSuchCommand"},
+                                              {"NeedsRight", "test.right", "auth_admin"},
+                                              {}};
+
+// One request through the library's client: its status, and the response
+// when there is one.
+inline std::pair<int32_t, Plist> sendRequest(const std::string& identifier, const char* command,
+                                             const char* key = nullptr, plist_t value = nullptr) {
+    GWDAuthorizationRef authorization = nullptr;
+    GWDAuthorizationCreate(&authorization);
+    Plist request = dictionaryWith(kGWDCommandKey, plist_new_string(command));
+    if (key) plist_dict_set_item(request.get(), key, value);
+    plist_t response = nullptr;
+    int32_t status = GWDExecuteRequestInHelperTool(authorization, kClientTable, identifier.c_str(), request.get(),
+                                                   &response, nullptr);
+    GWDAuthorizationFree(authorization, kGWDAuthorizationFlagDestroyRights);
+    return {status, Plist(response)};
+}
+
+// A process ("self" or a pid) closes a connection just after its response,
+// so a count taken at once may still see it: the least of a few counts is
+// the settled one.
+inline std::size_t settledDescriptorCount(const std::string& process = "self") {
+    std::size_t least = SIZE_MAX;
+    for (int i = 0; i < 10; i++, std::this_thread::sleep_for(std::chrono::milliseconds(20)))
+        least = std::min<std::size_t>(
+            least, std::distance(std::filesystem::directory_iterator("/proc/" + process + "/fd"), {}));
+    return least;
+}
+
+// The helper with this process's environment plus LISTEN_FDS=1,
+// LISTEN_FDNAMES=MasterSocket, LISTEN_PID = its own pid and the setting
+// given ("NAME=value"), which wins; the listening socket is descriptor 3 and
+// its log is kept. Without a socket path it listens in a folder of its own.
 class HelperProcess {
 public:
-    HelperProcess(const std::filesystem::path& program, std::string socketPath,
-                  const std::vector<std::string>& extraEnvironment = {})
-        : socketPath_(std::move(socketPath)), log_(makeTemporaryFolder() / "helper.log") {
-        int listener = boundSocket(socketPath_, true);
+    explicit HelperProcess(const std::filesystem::path& program, const std::string& socketPath = "",
+                           std::string setting = "LISTEN_FDS=1")
+        : folder_(makeTemporaryFolder()),
+          socketPath_(socketPath.empty() ? (folder_ / "helper.socket").string() : socketPath) {
+        int listener = localSocket(socketPath_, true, true);
         if (listener < 0) throw std::runtime_error("cannot listen on " + socketPath_);
-        std::vector<std::string> environment = {"LISTEN_FDS=1", "LISTEN_FDNAMES=MasterSocket",
-                                                std::string("PATH=") + getenv("PATH")};
-        for (const auto& extra : extraEnvironment) {  // replaces the entry of the same name
-            std::string name = extra.substr(0, extra.find('=') + 1);
-            std::erase_if(environment, [&](const std::string& entry) { return entry.starts_with(name); });
-            environment.push_back(extra);
-        }
-        std::vector<char*> envp;
-        for (auto& entry : environment) envp.push_back(entry.data());
-        envp.push_back(nullptr);
+        std::string script = "export LISTEN_PID=$$; exec env LISTEN_FDS=1 LISTEN_FDNAMES=MasterSocket \"$@\" \"$0\"";
         std::string programText = program.string();
-        std::string script = "export LISTEN_PID=$$; exec \"$0\"";
-        char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), script.data(), programText.data(), nullptr};
+        char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), script.data(),
+                        programText.data(),      setting.data(),          nullptr};
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, listener, 3);
-        posix_spawn_file_actions_addopen(&actions, 2, log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int err = posix_spawn(&pid_, "/bin/sh", &actions, nullptr, argv, envp.data());
+        posix_spawn_file_actions_addopen(&actions, 2, (folder_ / "helper.log").c_str(), O_WRONLY | O_CREAT, 0644);
+        int err = posix_spawn(&pid_, "/bin/sh", &actions, nullptr, argv, environ);
         posix_spawn_file_actions_destroy(&actions);
         close(listener);
         if (err != 0) throw std::runtime_error("cannot start " + programText);
     }
     ~HelperProcess() {
-        if (!exited_) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
+        if (!exited_) kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0);
         unlink(socketPath_.c_str());
-        std::filesystem::remove_all(log_.parent_path());
+        std::filesystem::remove_all(folder_);
     }
     HelperProcess(const HelperProcess&) = delete;
     HelperProcess& operator=(const HelperProcess&) = delete;
 
     pid_t pid() const { return pid_; }
-    std::string log() const { return readFile(log_); }
+    std::string log() const { return readFile(folder_ / "helper.log"); }
     // The wait status, if the helper ends within the time given.
     std::optional<int> waitForExit(std::chrono::milliseconds limit) {
         for (auto deadline = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < deadline;) {
             int status;
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                exited_ = true;
-                return status;
-            }
+            if (waitpid(pid_, &status, WNOHANG) == pid_) return exited_ = true, status;
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         return std::nullopt;
     }
-    // A raw connection to the helper's socket.
-    int connectClient() const {
-        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address = localAddress(socketPath_);
-        connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-        return fd;
-    }
+    int connectClient() const { return localSocket(socketPath_, false); }
 
 private:
+    std::filesystem::path folder_;
     std::string socketPath_;
-    std::filesystem::path log_;
     pid_t pid_ = -1;
     bool exited_ = false;
 };
 
-// Shell scripts that stand in for system tools (pkcheck, pkexec) while the
-// object lives: their folder goes first on PATH, for the test and the
-// helpers it starts.
-class FakeTools {
+// While the object lives, for the test and the helpers it starts: a system
+// root (WIRELOOM_SYSTEM_ROOT) whose dev folder holds the named files, and a
+// folder first on PATH for shell scripts standing in for system tools.
+class FakeSystem {
 public:
-    FakeTools() : folder_(makeTemporaryFolder()), savedPath_(getenv("PATH")) {
-        setenv("PATH", (folder_.string() + ":" + savedPath_).c_str(), 1);
-    }
-    ~FakeTools() {
-        setenv("PATH", savedPath_.c_str(), 1);
-        std::filesystem::remove_all(folder_);
-    }
-    void set(const std::string& name, const std::string& script) {
-        std::ofstream(folder_ / name) << "#!/bin/sh\n" << script << "\n";
-        std::filesystem::permissions(folder_ / name, std::filesystem::perms::owner_all);
-    }
-
-private:
-    std::filesystem::path folder_;
-    std::string savedPath_;
-};
-
-// A system root for the helper and the assistant (WIRELOOM_SYSTEM_ROOT)
-// while the object lives, with a dev folder holding the named files.
-class SystemRoot {
-public:
-    explicit SystemRoot(std::initializer_list<const char*> names) : root_(makeTemporaryFolder()) {
+    explicit FakeSystem(std::initializer_list<const char*> devices = {})
+        : root_(makeTemporaryFolder()), savedPath_(getenv("PATH")) {
         std::filesystem::create_directories(root_ / "dev");
-        for (const char* name : names) std::ofstream(root_ / "dev" / name) << "";
+        std::filesystem::create_directories(root_ / "tools");
+        for (const char* name : devices) std::ofstream(root_ / "dev" / name) << "";
         setenv(kGWDSystemRootVariable, root_.c_str(), 1);
+        setenv("PATH", ((root_ / "tools").string() + ":" + savedPath_).c_str(), 1);
     }
-    ~SystemRoot() {
+    ~FakeSystem() {
         unsetenv(kGWDSystemRootVariable);
+        setenv("PATH", savedPath_.c_str(), 1);
         std::filesystem::remove_all(root_);
     }
-    const std::filesystem::path& path() const { return root_; }
-    void setGroup(const char* name, gid_t gid) { ASSERT_EQ(chown((root_ / "dev" / name).c_str(), -1, gid), 0); }
+    std::filesystem::path path(const std::string& relative) const { return root_ / relative; }
+    void setTool(const std::string& name, const std::string& script) const {
+        std::ofstream(root_ / "tools" / name) << "#!/bin/sh\n" << script << "\n";
+        std::filesystem::permissions(root_ / "tools" / name, std::filesystem::perms::owner_all);
+    }
 
 private:
     std::filesystem::path root_;
+    std::string savedPath_;
 };
 
 // The bytes a client sends: the external form, the length prefix, the body.
-inline std::string requestXml(const std::string& command, const std::string& more = "") {
-    return "<plist version=\"1.0\"><dict><key>" kGWDCommandKey "</key><string>" + command + "</string>" + more +
-           "</dict></plist>";
-}
+inline const std::string kVerifyPrivsXml =
+    "<plist version=\"1.0\"><dict><key>" kGWDCommandKey "</key><string>VerifyPrivs</string></dict></plist>";
 inline std::string framed(const std::string& body, std::optional<std::uint32_t> length = std::nullopt) {
     std::uint32_t wire = htonl(length.value_or(static_cast<std::uint32_t>(body.size())));
     return "GWDAUTH1" + std::string(24, 'x') + std::string(reinterpret_cast<const char*>(&wire), 4) + body;

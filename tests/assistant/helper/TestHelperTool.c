@@ -1,8 +1,8 @@
 /*
  * A helper with the tests' own command table, served by the real helper main
  * program: "VerifyPrivs" answers what WL_TEST_VERIFY_ANSWER says, "OpenPipes"
- * returns the read ends of "count" pipes each holding "pipe <n>", "NeedsRight"
- * names a polkit right, and "ShutdownHelper" ends it.
+ * returns the read ends of "count" pipes each holding "pipe <n>", and
+ * "NeedsRight" names a polkit right and then answers as "VerifyPrivs" does.
  */
 #include <WLCaptureAssistant/GatewardenLib.h>
 #include <WLCaptureAssistant/WLCaptureAssistantCommon.h>
@@ -40,27 +40,12 @@ static int32_t OpenPipes(GWDAuthorizationRef authorization, const void* userData
     return 0;
 }
 
-static int32_t NeedsRight(GWDAuthorizationRef authorization, const void* userData, plist_t request, plist_t response,
-                          GWDLogClientRef logClient, GWDLogMessageRef logMessage) {
-    (void)authorization, (void)userData, (void)request, (void)logClient, (void)logMessage;
-    plist_dict_set_item(response, kWLResponseKey, plist_new_string("granted"));
-    return 0;
-}
-
-static int32_t ShutdownHelper(GWDAuthorizationRef authorization, const void* userData, plist_t request,
-                              plist_t response, GWDLogClientRef logClient, GWDLogMessageRef logMessage) {
-    (void)authorization, (void)userData, (void)request, (void)response, (void)logClient, (void)logMessage;
-    GWDHelperToolRequestShutdown();
-    return 0;
-}
-
 static const GWDCommandSpec kCommands[] = {
     {"VerifyPrivs", NULL, NULL, NULL, NULL},
     {"OpenPipes", NULL, NULL, NULL, NULL},
     {"NeedsRight", "org.wireloom.test.needs-right", "auth_admin", "NeedsRightDescription", NULL},
-    {"ShutdownHelper", NULL, NULL, NULL, NULL},
     {NULL, NULL, NULL, NULL, NULL},
 };
-static const GWDCommandProc kProcs[] = {VerifyPrivs, OpenPipes, NeedsRight, ShutdownHelper, NULL};
+static const GWDCommandProc kProcs[] = {VerifyPrivs, OpenPipes, VerifyPrivs, NULL};
 
 int main(void) { return GWDHelperToolMain(kCommands, kProcs); }
