@@ -3,11 +3,12 @@
 // with `wireloom capture -w`, and every message of the capture compared with
 // tshark's reading of it. Needs root, ip, avahi, D-Bus and tshark; skips with
 // the reason otherwise.
-#include <gtest/gtest.h>
-#include "support/Paths.hpp"
+#include "CommandText.hpp"
 #include "support/Processes.hpp"
 
 #include <Wireloom/packets/PXIPv6Packet.hpp>
+
+#include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <unistd.h>
@@ -15,86 +16,79 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <map>
-#include <sstream>
-#include <string>
-#include <vector>
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using wireloom::testing::have;
-using wireloom::testing::output;
+using namespace wireloom::testing;
 
 namespace {
 
-std::vector<std::string> split(const std::string& text, char separator) {
-    std::vector<std::string> parts;
-    if (text.empty()) return parts;
-    std::stringstream in(text);
-    for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
-    if (text.back() == separator) parts.emplace_back();
-    return parts;
+// tshark's fields of a frame; the SRV owner's three (service, protocol,
+// name) come right after the frame number.
+constexpr const char* kFields[] = {"frame.number", "dns.srv.service",    "dns.srv.proto",  "dns.srv.name",
+                                   "dns.qry.name", "dns.qry.type",       "dns.resp.name",  "dns.resp.type",
+                                   "dns.resp.ttl", "dns.srv.port",       "dns.srv.target", "dns.txt",
+                                   "dns.aaaa",     "dns.ptr.domain_name"};
+// Each field's values in message order, joined by '|'; an SRV record's
+// owner apart from the other records', as tshark keeps it.
+using Fields = std::map<std::string, std::string>;
+
+void add(Fields& f, const std::string& field, const std::string& value) {
+    f[field] += (f[field].empty() ? "" : "|") + value;
 }
 
-std::string joined(const std::vector<std::string>& parts) {
-    std::string text;
-    for (const std::string& part : parts) text += (text.empty() ? "" : "|") + part;
-    return text;
-}
-
-// One frame as tshark's fields give it, each list in message order.
-constexpr const char* kFields[] = {"frame.number",  "dns.qry.name",       "dns.qry.type",    "dns.resp.name",
-                                   "dns.resp.type", "dns.resp.ttl",       "dns.srv.service", "dns.srv.proto",
-                                   "dns.srv.name",  "dns.srv.port",       "dns.srv.target",  "dns.txt",
-                                   "dns.aaaa",      "dns.ptr.domain_name"};
-using Fields = std::map<std::string, std::vector<std::string>>;
-
-// The same lists from wireloom's JSON line. tshark names an SRV record's
-// owner in three fields (service, protocol, name) instead of dns.resp.name.
 Fields fieldsOf(const json& message) {
     Fields f;
     for (const json& question : message["questions"]) {
-        f["dns.qry.name"].push_back(question["name"]);
-        f["dns.qry.type"].push_back(std::to_string(question["type"].get<int>()));
+        add(f, "dns.qry.name", question["name"]);
+        add(f, "dns.qry.type", std::to_string(question["type"].get<int>()));
     }
+    std::vector<std::string> txt;
     for (const char* section : {"answers", "authority", "additional"}) {
         for (const json& record : message[section]) {
             const std::string name = record["name"].is_null() ? "(none)" : record["name"].get<std::string>();
-            f[record.contains("srv") ? "srv owner" : "dns.resp.name"].push_back(name);
-            f["dns.resp.type"].push_back(std::to_string(record["type"].get<int>()));
-            f["dns.resp.ttl"].push_back(std::to_string(record["ttl"].get<std::uint32_t>()));
+            add(f, record.contains("srv") ? "srv owner" : "dns.resp.name", name);
+            add(f, "dns.resp.type", std::to_string(record["type"].get<int>()));
+            add(f, "dns.resp.ttl", std::to_string(record["ttl"].get<std::uint32_t>()));
             if (record.contains("srv")) {
-                f["dns.srv.port"].push_back(std::to_string(record["srv"]["port"].get<int>()));
-                f["dns.srv.target"].push_back(record["srv"]["target"]);
+                add(f, "dns.srv.port", std::to_string(record["srv"]["port"].get<int>()));
+                add(f, "dns.srv.target", record["srv"]["target"]);
             }
             if (record.contains("txt"))
                 for (const auto& [key, value] : record["txt"].items())
-                    f["dns.txt"].push_back(key + "=" + (value.is_string() ? value.get<std::string>() : value.dump()));
-            if (record.contains("aaaa")) f["dns.aaaa"].push_back(record["aaaa"]);
-            if (record.contains("ptr")) f["dns.ptr.domain_name"].push_back(record["ptr"]);
+                    txt.push_back(key + "=" + (value.is_string() ? value.get<std::string>() : value.dump()));
+            if (record.contains("aaaa")) add(f, "dns.aaaa", record["aaaa"]);
+            if (record.contains("ptr")) add(f, "dns.ptr.domain_name", record["ptr"]);
         }
     }
+    std::sort(txt.begin(), txt.end());
+    for (const std::string& text : txt) add(f, "dns.txt", text);
     return f;
 }
 
-// tshark's lists made comparable: SRV owners put together, TXT strings as
+// tshark's line made comparable: SRV owners put together, TXT strings as
 // key=value (sorted, as wireloom's dictionary is), addresses in the
 // library's own text.
-Fields normalised(Fields f) {
-    for (std::size_t i = 0; i < f["dns.srv.service"].size(); ++i)
-        f["srv owner"].push_back(f["dns.srv.service"][i] + "." + f["dns.srv.proto"].at(i) + "." +
-                                 f["dns.srv.name"].at(i));
-    for (const char* split : {"dns.srv.service", "dns.srv.proto", "dns.srv.name", "frame.number"}) f.erase(split);
-    for (std::string& text : f["dns.txt"])
-        if (text.find('=') == std::string::npos) text += "=";
-    std::sort(f["dns.txt"].begin(), f["dns.txt"].end());
-    for (std::string& address : f["dns.aaaa"]) {
-        std::uint8_t bytes[16];
-        if (inet_pton(AF_INET6, address.c_str(), bytes) == 1)
-            address = wireloom::PXIPv6Packet::stringFromIPv6Address(bytes);
+Fields fieldsOf(const std::vector<std::string>& columns) {
+    Fields f;
+    const auto values = [&](std::size_t i) { return split(columns[i], '|', true); };
+    const std::vector<std::string> service = values(1), proto = values(2), name = values(3);
+    for (std::size_t i = 0; i < service.size(); ++i)
+        add(f, "srv owner", service[i] + "." + proto.at(i) + "." + name.at(i));
+    for (std::size_t i = 4; i < columns.size(); ++i) {
+        std::vector<std::string> list = values(i);
+        if (kFields[i] == std::string("dns.txt")) {
+            for (std::string& text : list)
+                if (text.find('=') == npos) text += "=";
+            std::sort(list.begin(), list.end());
+        }
+        for (std::string& value : list) {
+            std::uint8_t bytes[16];
+            if (kFields[i] == std::string("dns.aaaa") && inet_pton(AF_INET6, value.c_str(), bytes) == 1)
+                value = wireloom::PXIPv6Packet::stringFromIPv6Address(bytes);
+            add(f, kFields[i], value);
+        }
     }
     return f;
 }
@@ -102,66 +96,49 @@ Fields normalised(Fields f) {
 }  // namespace
 
 TEST(AvahiNetnsCapture, EveryMessageReadsAsTsharkReadsIt) {
-    const fs::path wireloom = wireloom::testing::binaryDir() / "cli" / "wireloom";
-    if (!fs::exists(wireloom)) GTEST_SKIP() << "the wireloom command was not built";
+    if (!fs::exists(wireloomCommand())) GTEST_SKIP() << "the wireloom command was not built";
     if (!have("tshark")) GTEST_SKIP() << "tshark is not installed";
     const fs::path dir = fs::path(::testing::TempDir()) / ("avahi-" + std::to_string(getpid()));
     fs::create_directories(dir);
-    const fs::path capture = dir / "mdns.pcap";
-    const fs::path script = wireloom::testing::sourceDir() / "tests" / "cli" / "avahi-in-netns.sh";
+    const std::string capture = (dir / "mdns.pcap").string();
     int status = -1;
-    const std::string traffic = output(
-        "bash " + script.string() + " " + wireloom.string() + " " + capture.string() + " 2>" + (dir / "why").string(),
-        &status);
-    if (status == 77) {
-        std::ifstream why(dir / "why");
-        GTEST_SKIP() << std::string(std::istreambuf_iterator<char>(why), {});
-    }
-    ASSERT_EQ(status, 0) << traffic;
+    const std::string traffic = output("bash " + (sourceDir() / "tests" / "cli" / "avahi-in-netns.sh").string() + " " +
+                                           wireloomCommand().string() + " " + capture + " 2>" + (dir / "why").string(),
+                                       &status);
+    if (status == 77) GTEST_SKIP() << slurp(dir / "why");
+    ASSERT_EQ(status, 0) << traffic << slurp(dir / "why");
     // The other side resolved the service: its port and TXT strings.
-    EXPECT_NE(traffic.find(";4242;\"model=kd 10\" \"flag\" \"path=/x\""), std::string::npos) << traffic;
+    EXPECT_NE(traffic.find(";4242;\"model=kd 10\" \"flag\" \"path=/x\""), npos) << traffic;
 
     std::map<int, json> ours;
-    const std::string read = output(wireloom.string() + " read " + capture.string() + " --mdns --format json", &status);
+    for (const std::string& line :
+         split(output(wireloomCommand().string() + " read " + capture + " --mdns --format json", &status))) {
+        json message = json::parse(line);
+        const int frame = message["frame"].get<int>();  // before the move: an assignment's right side goes first
+        ours[frame] = std::move(message);
+    }
     ASSERT_EQ(status, 0);
-    for (const std::string& line : split(read, '\n'))
-        if (!line.empty()) {
-            json message = json::parse(line);
-            const int frame = message["frame"].get<int>();
-            ours[frame] = std::move(message);
-        }
 
     std::string command =
-        "tshark -r " + capture.string() +
+        "tshark -r " + capture +
         " -Y 'udp.srcport == 5353 && udp.dstport == 5353' -T fields -E separator=/t -E aggregator='|'";
     for (const char* field : kFields) command += std::string(" -e ") + field;
-    const std::string theirs = output(command + " 2>/dev/null", &status);
+    const std::vector<std::string> theirs = split(output(command + " 2>/dev/null", &status));
     ASSERT_EQ(status, 0);
-    std::size_t compared = 0, services = 0, addresses = 0;
-    for (const std::string& line : split(theirs, '\n')) {
-        if (line.empty()) continue;
-        const std::vector<std::string> columns = split(line, '\t');
+    Fields captured;  // every message's, to see that the service's records were among them
+    for (const std::string& line : theirs) {
+        const std::vector<std::string> columns = split(line, '\t', true);
         ASSERT_EQ(columns.size(), std::size(kFields)) << line;
-        Fields tshark;
-        for (std::size_t i = 1; i < columns.size(); ++i)
-            if (!columns[i].empty()) tshark[kFields[i]] = split(columns[i], '|');
         const int frame = std::stoi(columns[0]);
-        ASSERT_TRUE(ours.count(frame)) << "frame " << frame << " is mDNS to tshark only";
-        const Fields expected = normalised(tshark);
-        Fields actual = fieldsOf(ours[frame]);
-        std::sort(actual["dns.txt"].begin(), actual["dns.txt"].end());
-        for (const char* key :
-             {"dns.qry.name", "dns.qry.type", "dns.resp.name", "srv owner", "dns.resp.type", "dns.resp.ttl",
-              "dns.srv.port", "dns.srv.target", "dns.txt", "dns.aaaa", "dns.ptr.domain_name"}) {
-            auto value = [key](const Fields& f) { return f.count(key) ? joined(f.at(key)) : std::string(); };
-            EXPECT_EQ(value(actual), value(expected)) << "frame " << frame << ", " << key;
-        }
-        services += joined(actual["dns.srv.port"]).find("4242") != std::string::npos;
-        addresses += actual.count("dns.aaaa");
-        ++compared;
+        SCOPED_TRACE("frame " + columns[0]);
+        ASSERT_TRUE(ours.count(frame)) << "mDNS to tshark only";
+        const Fields actual = fieldsOf(ours[frame]);
+        EXPECT_EQ(actual, fieldsOf(columns));
+        for (const auto& [key, values] : actual) add(captured, key, values);
     }
-    EXPECT_EQ(compared, ours.size()) << "messages tshark does not see as mDNS";
-    EXPECT_GT(services, 0u) << "no SRV record of the published service was captured";
-    EXPECT_GT(addresses, 0u) << "no AAAA record was captured";
+    EXPECT_EQ(theirs.size(), ours.size()) << "messages tshark does not see as mDNS";
+    EXPECT_NE(captured["dns.srv.port"].find("4242"), npos) << "no SRV record of the service captured";
+    EXPECT_NE(captured["dns.txt"].find("model=kd 10"), npos) << "no TXT record of the service captured";
+    EXPECT_FALSE(captured["dns.aaaa"].empty()) << "no AAAA record was captured";
     fs::remove_all(dir);
 }

@@ -1,35 +1,26 @@
 #!/usr/bin/env bash
-# Real mDNS traffic for the tests: two network namespaces joined by a veth
-# pair, each with its own avahi-daemon (and a private D-Bus for it). The
+# avahi-in-netns.sh WIRELOOM OUT.pcap: two network namespaces joined by a
+# veth pair, each with its own avahi-daemon (and a private D-Bus for it). The
 # first publishes a service with TXT records, the second browses for it and
-# resolves it, and `wireloom capture -w` records the first's side of the
-# link meanwhile.
-#
-#   avahi-in-netns.sh WIRELOOM OUT.pcap
-#
-# Prints avahi-browse's resolved lines on standard output. Exits 77, with the
-# reason on standard error, where it cannot run here (not root, no
-# namespaces, a program missing).
+# resolves it (avahi-browse's resolved lines go to standard output), and
+# `wireloom capture -w` records the first's side of the link meanwhile.
+# Exits 77, with the reason on standard error, where it cannot run here.
 set -uo pipefail
 
 wireloom=$1
 capture=$2
-skip() {
-  echo "$*" >&2
-  exit 77
-}
+skip() { echo "$*" >&2; exit 77; }
 [ "$(id -u)" -eq 0 ] || skip "network namespaces need root"
 for program in ip avahi-daemon avahi-publish avahi-browse dbus-daemon; do
   command -v "$program" >/dev/null 2>&1 || skip "$program is not installed"
 done
 
-suffix=$$
-a=wl-mdns-a-$suffix
-b=wl-mdns-b-$suffix
+a=wl-mdns-a-$$
+b=wl-mdns-b-$$
 work=$(mktemp -d)
 pids=()
 cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; done
+  kill "${pids[@]}" 2>/dev/null
   wait 2>/dev/null
   ip netns del "$a" 2>/dev/null
   ip netns del "$b" 2>/dev/null
@@ -37,8 +28,7 @@ cleanup() {
 }
 trap cleanup EXIT
 
-ip netns add "$a" 2>/dev/null || skip "network namespaces cannot be made here"
-ip netns add "$b" || skip "network namespaces cannot be made here"
+{ ip netns add "$a" && ip netns add "$b"; } 2>/dev/null || skip "network namespaces cannot be made here"
 ip link add wla netns "$a" type veth peer name wlb netns "$b" || skip "a veth pair cannot be made here"
 for side in a b; do
   ns=${!side}
@@ -52,22 +42,11 @@ done
 
 # Each daemon gets a bus of its own: an abstract socket, which belongs to the
 # namespace's network, so the same name serves both sides.
-cat >"$work/bus.conf" <<'EOF'
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:abstract=wireloom-mdns-test</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-EOF
 bus=unix:abstract=wireloom-mdns-test
+cat >"$work/bus.conf" <<EOF
+<busconfig><type>system</type><listen>$bus</listen><auth>EXTERNAL</auth><policy context="default">
+  <allow user="*"/><allow own="*"/><allow send_destination="*"/><allow receive_sender="*"/></policy></busconfig>
+EOF
 in_ns() {  # in_ns NAMESPACE LOG COMMAND...: in the background, its pid kept
   local ns=$1 log=$2
   shift 2
@@ -75,10 +54,7 @@ in_ns() {  # in_ns NAMESPACE LOG COMMAND...: in the background, its pid kept
   pids+=($!)
 }
 wait_for() {  # wait_for LOG TEXT: up to 10 s
-  for _ in $(seq 100); do
-    grep -q "$2" "$1" 2>/dev/null && return 0
-    sleep 0.1
-  done
+  for _ in $(seq 100); do grep -q "$2" "$1" 2>/dev/null && return 0; sleep 0.1; done
   return 1
 }
 
@@ -92,20 +68,9 @@ wait_for "$work/capture.log" "capturing on" || skip "wireloom cannot capture on 
 capture_pid=${pids[-1]}
 
 for side in a b; do
-  cat >"$work/avahi-$side.conf" <<EOF
-[server]
-host-name=wl-$side
-domain-name=local
-use-ipv4=yes
-use-ipv6=yes
-allow-interfaces=wl$side
-enable-dbus=yes
-[wide-area]
-enable-wide-area=no
-[publish]
-publish-hinfo=no
-publish-workstation=no
-EOF
+  printf '%s\n' "[server]" "host-name=wl-$side" "domain-name=local" "allow-interfaces=wl$side" \
+    "[wide-area]" "enable-wide-area=no" "[publish]" "publish-hinfo=no" "publish-workstation=no" \
+    >"$work/avahi-$side.conf"
   # The pid file lives in /run/avahi-daemon: a private one per daemon, which
   # the mount namespace of `ip netns exec` keeps from the host.
   in_ns "${!side}" "$work/avahi-$side.log" sh -c "mkdir -p /run/avahi-daemon && mount -t tmpfs tmpfs /run/avahi-daemon &&

@@ -1,16 +1,11 @@
 #!/usr/bin/env python3
-"""Both ends of the HTTP that RealHttpCaptureTests captures on lo.
+"""Both ends of the HTTP that LoopbackCaptureTests captures on lo.
 
-  loopback_http.py serve PORT DIRECTORY
-      An HTTP/1.1 server on 127.0.0.1 (python's own `-m http.server` speaks
-      HTTP/1.0 and closes after each answer, so it never keeps a connection
-      alive). GET and HEAD serve DIRECTORY; POST /plist answers a binary
-      property list, POST /json answers JSON, each built from what was sent.
-      Prints "serving" once it listens.
-
-  loopback_http.py pipeline PORT PATH...
-      GETs every PATH over one connection, all requests in a single send,
-      and writes what came back until the server closed.
+  serve PORT DIRECTORY: an HTTP/1.1 server (python's `-m http.server` speaks
+      1.0 and closes after each answer) serving DIRECTORY; POST /plist answers
+      a binary property list made from the one sent, other POSTs echo the JSON
+      sent. Prints "serving" once it listens.
+  pipeline PORT PATH...: GETs every PATH over one connection in a single send.
 """
 import functools
 import http.server
@@ -30,13 +25,8 @@ class Handler(http.server.SimpleHTTPRequestHandler):
             body = plistlib.dumps({"greeting": "hello " + asked["name"], "tries": asked["tries"] + 1,
                                    "ok": True, "items": ["warp", "weft"]}, fmt=plistlib.FMT_BINARY)
             kind = "application/x-apple-binary-plist"
-        elif self.path == "/json":
-            asked = json.loads(sent)
-            body = json.dumps({"echo": asked, "length": len(sent)}).encode()
-            kind = "application/json"
         else:
-            self.send_error(404)
-            return
+            body, kind = json.dumps({"echo": json.loads(sent)}).encode(), "application/json"
         self.send_response(200)
         self.send_header("Content-Type", kind)
         self.send_header("Content-Length", str(len(body)))
@@ -47,24 +37,17 @@ class Handler(http.server.SimpleHTTPRequestHandler):
         pass
 
 
-def serve(port, directory):
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", port), functools.partial(Handler, directory=directory))
+if sys.argv[1] == "serve":
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", int(sys.argv[2])),
+                                             functools.partial(Handler, directory=sys.argv[3]))
     print("serving", flush=True)
     server.serve_forever()
-
-
-def pipeline(port, paths):
-    requests = b"".join(b"GET %s HTTP/1.1\r\nHost: 127.0.0.1\r\n%s\r\n" %
-                        (path.encode(), b"Connection: close\r\n" if i == len(paths) - 1 else b"")
-                        for i, path in enumerate(paths))
-    with socket.create_connection(("127.0.0.1", port)) as connection:
-        connection.sendall(requests)
-        while data := connection.recv(65536):
-            sys.stdout.buffer.write(data)
-
-
-if __name__ == "__main__":
-    if sys.argv[1] == "serve":
-        serve(int(sys.argv[2]), sys.argv[3])
-    elif sys.argv[1] == "pipeline":
-        pipeline(int(sys.argv[2]), sys.argv[3:])
+else:
+    paths = sys.argv[3:]
+    with socket.create_connection(("127.0.0.1", int(sys.argv[2]))) as connection:
+        # The last asks the server to close, which ends the reading.
+        connection.sendall(b"".join(b"GET %s HTTP/1.1\r\nHost: 127.0.0.1\r\n%s\r\n" %
+                                    (path.encode(), b"Connection: close\r\n" if i == len(paths) - 1 else b"")
+                                    for i, path in enumerate(paths)))
+        while connection.recv(65536):
+            pass
