@@ -35,12 +35,14 @@ void PXTCPFlow::processPacket(const PXTCPPacket& packet, bool sourceIsZero, std:
         setEndpoint0ActivityTime(now());
     else
         setEndpoint1ActivityTime(now());
+    // Asked for whether or not the caller wants the text: it is what says
+    // the other direction ends too.
     std::string stored;
-    if (handlePacket(packet, own.get(), error ? &stored : nullptr)) return;
+    if (handlePacket(packet, own.get(), &stored)) return;
     own.reset();
     if (!stored.empty()) {
-        *error = std::move(stored);
         other.reset();
+        if (error) *error = std::move(stored);
     }
 }
 

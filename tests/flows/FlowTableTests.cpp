@@ -208,6 +208,14 @@ TEST_F(PXTCPFlowTest, MissingBytesEndBothDirectionsAndTheFlow) {
     expectEnded(flow, "Encountered missing bytes in stream");
     EXPECT_EQ(flow->endpoint0Incoming(), nullptr);
     EXPECT_EQ(flow->endpoint0Outgoing(), nullptr);
+
+    // A caller that does not ask for the reason ends both directions too.
+    auto other = open();
+    send(kStart, fromClient(101, kTcpAck, "abc"));
+    auto far = decoded(fromClient(104 + 10 * 1024 * 1024, kTcpAck, "x"));
+    other->processPacket(*far->packetWithProtocol<PXTCPPacket>(), false, nullptr);
+    EXPECT_EQ(other->endpoint0Incoming(), nullptr);
+    EXPECT_EQ(other->endpoint0Outgoing(), nullptr);
 }
 
 // Both activity times start when the flow is made, so an endpoint that never
