@@ -73,7 +73,11 @@ std::optional<CaptureOptions> parseCaptureOptions(const std::vector<std::string>
             options.outputPath = *value;
         } else if (arg == "-c" || arg == "--duration") {
             const std::optional<double> number = positiveNumber(*value);
-            if (!number || (arg == "-c" && *number != static_cast<double>(static_cast<std::uint64_t>(*number)))) {
+            // 2^64 and above do not convert to a count: asking whether the
+            // conversion round-trips would itself be undefined for them.
+            const bool wholeCount = number && *number < 18446744073709551616.0 &&
+                                    *number == static_cast<double>(static_cast<std::uint64_t>(*number));
+            if (!number || (arg == "-c" && !wholeCount)) {
                 std::fprintf(err, "wireloom: %s needs a positive %s, not '%s'\n", arg.c_str(),
                              arg == "-c" ? "whole number" : "number", value->c_str());
                 return std::nullopt;

@@ -83,6 +83,7 @@ TEST_F(Command, WrongUsageExitsWithTwoSayingWhy) {
         {"follow x.pcap k -v", "wireloom: unknown option '-v'"},
         {"capture --exclude", "wireloom: --exclude needs a value"},
         {"capture -c 1.5", "wireloom: -c needs a positive whole number, not '1.5'"},
+        {"capture -c 1e20", "wireloom: -c needs a positive whole number, not '1e20'"},
         {"capture x", "wireloom: unexpected argument 'x'"},
         {"devices x", "wireloom: devices takes no arguments"},
     };
