@@ -115,12 +115,6 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
         return kExitFailure;
     }
 
-    std::FILE* pcapFile = nullptr;
-    if (!options->outputPath.empty() && !(pcapFile = std::fopen(options->outputPath.c_str(), "wb"))) {
-        std::fprintf(err, "wireloom: %s: %s\n", options->outputPath.c_str(), std::strerror(errno));
-        return kExitFailure;
-    }
-
     const PXNetworkCapture::Ptr capture = PXNetworkCapture::captureWithDevice(device);
     capture->setCaptureFilter(options->filter);
     const bool color = colorFor(options->color, out);
@@ -137,7 +131,7 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
     }
     const bool framesShown = !options->flows && !options->http;
     std::uint64_t frames = 0;
-    bool wroteHeader = false;
+    std::FILE* pcapFile = nullptr;
     NotificationCenter& center = NotificationCenter::defaultCenter();
     center.addObserver(
         &printer, kPXNetworkCapturePacketNotificationName,
@@ -150,11 +144,6 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
             else if (framesShown)
                 printer.print(*packet);
             if (!pcapFile) return;
-            if (!wroteHeader) {
-                const ByteBuffer header = PXPacket::pcapHeaderForRepresentativePacket(*packet);
-                std::fwrite(header.data(), 1, header.size(), pcapFile);
-                wroteHeader = true;
-            }
             const ByteBuffer record = packet->pcapFileEntry();
             std::fwrite(record.data(), 1, record.size(), pcapFile);
         },
@@ -163,9 +152,25 @@ int captureCommand(const std::vector<std::string>& args, std::FILE* out, std::FI
     std::string error;
     if (!capture->startWithError(&error)) {
         center.removeObserver(&printer);
-        if (pcapFile) std::fclose(pcapFile);
         std::fprintf(err, "wireloom: %s\n", error.c_str());
         return kExitFailure;
+    }
+    // Opened only once the capture runs, so that a capture that cannot start
+    // leaves no file behind; the header goes in at once, with the device's
+    // link type, so that a capture that sees nothing still leaves a file
+    // that reads as an empty capture. No frame is handed over before the run
+    // loop below runs.
+    if (!options->outputPath.empty()) {
+        pcapFile = std::fopen(options->outputPath.c_str(), "wb");
+        if (!pcapFile) {
+            const int reason = errno;
+            capture->stop();
+            center.removeObserver(&printer);
+            std::fprintf(err, "wireloom: %s: %s\n", options->outputPath.c_str(), std::strerror(reason));
+            return kExitFailure;
+        }
+        const ByteBuffer header = PXPacket::pcapHeaderForLinkLayerType(capture->linkLayerType());
+        std::fwrite(header.data(), 1, header.size(), pcapFile);
     }
     std::signal(SIGINT, onInterrupt);
     std::signal(SIGTERM, onInterrupt);

@@ -134,6 +134,19 @@ TEST_F(Loopback, CaptureShowsAndWritesWhatCurlFetched) {
         EXPECT_NE(exchanges.find("GET /" + page + " \xe2\x86\x92 200 OK"), npos) << exchanges;
 }
 
+// A capture that sees nothing still leaves a file that reads as a capture,
+// and one that cannot start leaves no file at all.
+TEST_F(Loopback, WrittenFileExistsExactlyWhenTheCaptureRan) {
+    const std::string command = wireloomCommand().string() + " capture -i lo --duration 0.3 -w ";
+    output(command + capture + " -f 'tcp port 1' 2>/dev/null");
+    EXPECT_EQ(fs::file_size(capture), 24u);
+    EXPECT_EQ(output(wireloomCommand().string() + " read " + capture + " 2>&1; echo $?"), "0\n");
+    const fs::path refused = dir / "refused.pcap";
+    EXPECT_EQ(output(command + refused.string() + " -f '(((' 2>&1; echo $?"),
+              "wireloom: can't parse filter expression: syntax error\n1\n");
+    EXPECT_FALSE(fs::exists(refused));
+}
+
 // Both directions of curl fetching megabytes, as `wireloom follow`
 // reassembles them: the request, and the response header followed by the
 // file's bytes, every one of them.
