@@ -12,6 +12,7 @@
 
 #include <unistd.h>
 
+#include <cctype>
 #include <iostream>
 #include <optional>
 
@@ -68,12 +69,17 @@ std::optional<SearchOptions> parseSearchOptions(const std::vector<std::string>& 
     return options;
 }
 
-// "WORDS" or "WORDS --exclude WORDS".
+// "WORDS" or "WORDS --exclude WORDS"; "--exclude" counts only as a word of
+// its own, so that a word such as "a--exclude" is searched for as it is.
 FilterWords wordsOfLine(const std::string& line) {
     constexpr std::string_view kExclude = "--exclude";
-    const std::size_t at = line.find(kExclude);
-    if (at == std::string::npos) return {line, ""};
-    return {line.substr(0, at), line.substr(at + kExclude.size())};
+    auto isSpace = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+    for (std::size_t at = line.find(kExclude); at != std::string::npos; at = line.find(kExclude, at + 1)) {
+        const std::size_t end = at + kExclude.size();
+        if ((at == 0 || isSpace(line[at - 1])) && (end == line.size() || isSpace(line[end])))
+            return {line.substr(0, at), line.substr(end)};
+    }
+    return {line, ""};
 }
 
 }  // namespace

@@ -226,11 +226,11 @@ TEST_F(Command, SearchFindsWhatReadFiltersAndAnswersEachLine) {
     EXPECT_EQ(run("search " + demo + " tcp --exclude 80 --http --flows").err,
               "wireloom: " + std::to_string(read.size()) + " of 16 sources\n");
 
-    const Output r =
-        run("search " + demo + " --http --format oneline --interactive", "get\nGET --exclude css\n\nnothing here\n");
+    const Output r = run("search " + demo + " --http --format oneline --interactive",
+                         "get\nGET --exclude css\n\nnothing here\nget--exclude css\n");
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err,
               "wireloom: 4 of 5 sources\nwireloom: 1 of 5 sources\nwireloom: 5 of 5 sources\n"
-              "wireloom: 0 of 5 sources\n");
+              "wireloom: 0 of 5 sources\nwireloom: 0 of 5 sources\n");
     EXPECT_EQ(split(r.out).size(), 10u);
 }
