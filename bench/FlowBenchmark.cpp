@@ -148,13 +148,12 @@ Result openIdleFlows(std::uint64_t count) {
     for (std::uint64_t i = 0; i < count; ++i) {
         const IPv4Address client{10, static_cast<std::uint8_t>(i >> 16), static_cast<std::uint8_t>(i >> 8),
                                  static_cast<std::uint8_t>(i)};
-        const Bytes frame = ethernet(
-            kMacB, kMacA, kEtherTypeIPv4,
-            ipv4(client, ip4("198.51.100.80"), kProtoTCP,
-                 tcp({.sourcePort = static_cast<std::uint16_t>(kFirstClientPort + i % 16384),
-                      .destPort = 443,
-                      .seq = static_cast<std::uint32_t>(i * 7919),
-                      .flags = kTcpSyn})));
+        const Bytes frame = ethernet(kMacB, kMacA, kEtherTypeIPv4,
+                                     ipv4(client, ip4("198.51.100.80"), kProtoTCP,
+                                          tcp({.sourcePort = static_cast<std::uint16_t>(kFirstClientPort + i % 16384),
+                                               .destPort = 443,
+                                               .seq = static_cast<std::uint32_t>(i * 7919),
+                                               .flags = kTcpSyn})));
         frames.insert(frames.end(), frame.begin(), frame.end());
         ends.push_back(frames.size());
     }
@@ -290,7 +289,8 @@ int main(int argc, char** argv) {
                 static_cast<unsigned long long>(capture.sent[0]), static_cast<unsigned long long>(capture.sent[1]));
     std::printf("  of %llu data segments: %llu swapped with the next, %llu sent again (%llu overlapping the next)\n",
                 static_cast<unsigned long long>(capture.dataSegments), static_cast<unsigned long long>(capture.swapped),
-                static_cast<unsigned long long>(capture.repeated), static_cast<unsigned long long>(capture.overlapping));
+                static_cast<unsigned long long>(capture.repeated),
+                static_cast<unsigned long long>(capture.overlapping));
     capture.frames = {};
     if (!writeCapture.empty()) return 0;
 
@@ -303,12 +303,12 @@ int main(int argc, char** argv) {
                 std::fprintf(stderr, "the %s pass failed\n", pass.name);
                 return 1;
             }
-            if (pass.kind == Pass::reassembles && (result.bytes[0] != capture.sent[0] || result.bytes[1] != capture.sent[1])) {
-                std::fprintf(stderr, "*** %s reassembled %llu and %llu bytes; the capture holds %llu and %llu\n",
-                             pass.name, static_cast<unsigned long long>(result.bytes[0]),
-                             static_cast<unsigned long long>(result.bytes[1]),
-                             static_cast<unsigned long long>(capture.sent[0]),
-                             static_cast<unsigned long long>(capture.sent[1]));
+            if (pass.kind == Pass::reassembles &&
+                (result.bytes[0] != capture.sent[0] || result.bytes[1] != capture.sent[1])) {
+                std::fprintf(
+                    stderr, "*** %s reassembled %llu and %llu bytes; the capture holds %llu and %llu\n", pass.name,
+                    static_cast<unsigned long long>(result.bytes[0]), static_cast<unsigned long long>(result.bytes[1]),
+                    static_cast<unsigned long long>(capture.sent[0]), static_cast<unsigned long long>(capture.sent[1]));
                 agreed = false;
             }
             if (pass.kind == Pass::idle && result.flows != idleFlows) {

@@ -307,7 +307,8 @@ bool runProcess(const std::vector<std::string>& argv, ProcessRun* run, bool quie
     close(out[1]);
     run->output.clear();
     char buffer[65536];
-    for (ssize_t n; (n = read(out[0], buffer, sizeof buffer)) > 0;) run->output.append(buffer, static_cast<std::size_t>(n));
+    for (ssize_t n; (n = read(out[0], buffer, sizeof buffer)) > 0;)
+        run->output.append(buffer, static_cast<std::size_t>(n));
     close(out[0]);
     if (failed) {
         std::fprintf(stderr, "cannot start %s: %s\n", args[0], std::strerror(failed));
@@ -317,7 +318,9 @@ bool runProcess(const std::vector<std::string>& argv, ProcessRun* run, bool quie
     rusage usage{};
     if (wait4(pid, &status, 0, &usage) != pid) return false;
     run->wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6; };
+    const auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6;
+    };
     run->cpu = seconds(usage.ru_utime) + seconds(usage.ru_stime);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         std::fprintf(stderr, "%s failed (status %d)\n", args[0], status);

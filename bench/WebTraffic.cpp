@@ -12,9 +12,7 @@ using namespace wireloom::testing;
 namespace {
 
 std::uint16_t be16(const Bytes& b, std::size_t at) { return static_cast<std::uint16_t>(b[at] << 8 | b[at + 1]); }
-std::uint32_t be32(const Bytes& b, std::size_t at) {
-    return std::uint32_t{be16(b, at)} << 16 | be16(b, at + 2);
-}
+std::uint32_t be32(const Bytes& b, std::size_t at) { return std::uint32_t{be16(b, at)} << 16 | be16(b, at + 2); }
 
 // Where a generated frame's TCP header and payload are (Ethernet, IPv4 or
 // IPv6 without extensions, TCP).
@@ -106,7 +104,8 @@ WebCapture WebTrafficGenerator::generate(std::uint64_t byteBudget) {
             capture.frameBytes += frame.bytes.size();
             capture.frames.push_back(std::move(frame));
         }
-        if (conversation.next == conversation.frames.size()) open.erase(open.begin() + static_cast<std::ptrdiff_t>(pick));
+        if (conversation.next == conversation.frames.size())
+            open.erase(open.begin() + static_cast<std::ptrdiff_t>(pick));
     }
     return capture;
 }
@@ -187,8 +186,7 @@ void WebTrafficGenerator::disorder(std::vector<Frame>& frames, WebCapture& captu
             // Half of this segment and half of the next, in one.
             std::size_t j = 0;
             for (std::size_t k = 0; k < fin; ++k)
-                if (segments[k].length && segments[k].fromClient == s.fromClient &&
-                    segments[k].seq == s.seq + s.length)
+                if (segments[k].length && segments[k].fromClient == s.fromClient && segments[k].seq == s.seq + s.length)
                     j = k;
             if (!j) continue;
             const Bytes& next = frames[j].bytes;

@@ -203,14 +203,14 @@ void FlowPrinter::print(FlowRecord& record) {
         break;
     case Format::Json: {
         nlohmann::ordered_json line = {{"protocol", flow.tcp ? "tcp" : "udp"},
-                               {"key", flow.key},
-                               {"endpoint0", flow.endpoint[0]},
-                               {"endpoint1", flow.endpoint[1]},
-                               {"start", flow.startTime},
-                               {"end", flow.endTime},
-                               {"bytes", {flow.bytes[0], flow.bytes[1]}},
-                               {flow.tcp ? "segments" : "datagrams", {flow.segments[0], flow.segments[1]}},
-                               {"reason", flow.reason}};
+                                       {"key", flow.key},
+                                       {"endpoint0", flow.endpoint[0]},
+                                       {"endpoint1", flow.endpoint[1]},
+                                       {"start", flow.startTime},
+                                       {"end", flow.endTime},
+                                       {"bytes", {flow.bytes[0], flow.bytes[1]}},
+                                       {flow.tcp ? "segments" : "datagrams", {flow.segments[0], flow.segments[1]}},
+                                       {"reason", flow.reason}};
         if (flow.client >= 0) line["client"] = flow.client;
         buffer_.append(line.dump());
         buffer_.append('\n');
@@ -223,8 +223,8 @@ void FlowPrinter::print(FlowRecord& record) {
         buffer_.append(' ');
         buffer_.append(flow.key);
         buffer_.append(times);
-        buffer_.append(std::to_string(flow.bytes[0]) + "/" + std::to_string(flow.bytes[1]) + " bytes, " +
-                       flow.reason + "\n");
+        buffer_.append(std::to_string(flow.bytes[0]) + "/" + std::to_string(flow.bytes[1]) + " bytes, " + flow.reason +
+                       "\n");
         break;
     }
     case Format::None: break;

@@ -93,9 +93,9 @@ private:
     std::unordered_map<const Object*, std::string> carried_[2];
     std::uint64_t shown_ = 0;
     TextBuffer buffer_;
-    std::uint64_t flows_[2] = {};         // TCP, UDP
-    std::uint64_t tcpBytes_[2] = {};      // client to server, server to client
-    std::uint64_t tcpUnknownBytes_ = 0;   // flows whose opener was not seen
+    std::uint64_t flows_[2] = {};        // TCP, UDP
+    std::uint64_t tcpBytes_[2] = {};     // client to server, server to client
+    std::uint64_t tcpUnknownBytes_ = 0;  // flows whose opener was not seen
     std::uint64_t udpBytes_ = 0;
 };
 

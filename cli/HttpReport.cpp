@@ -96,7 +96,8 @@ void addPlistLines(PXReportAnalyzerEntry& entry, const std::string& key, plist_t
     } else if (plist_get_node_type(node) == PLIST_ARRAY) {
         const std::uint32_t size = plist_array_get_size(node);
         nested->setTitleWithLabel(key, size, "item");
-        for (std::uint32_t i = 0; i < size; ++i) addPlistLines(*nested, std::to_string(i), plist_array_get_item(node, i));
+        for (std::uint32_t i = 0; i < size; ++i)
+            addPlistLines(*nested, std::to_string(i), plist_array_get_item(node, i));
     }
 }
 
@@ -190,8 +191,9 @@ Value parseBody(const std::optional<ByteBuffer>& data, const std::string* type, 
     const auto size = static_cast<std::uint32_t>(std::min<std::size_t>(data->size(), UINT32_MAX));
     const char* bytes = reinterpret_cast<const char*>(data->data());
     const bool binaryPlist = startsWith(*data, "bplist00");
-    const bool xmlPlist = !binaryPlist && (contains(type, "plist") || (startsWith(*data, "<?xml") &&
-                                                                       data->stringView().find("<plist") != std::string_view::npos));
+    const bool xmlPlist =
+        !binaryPlist && (contains(type, "plist") ||
+                         (startsWith(*data, "<?xml") && data->stringView().find("<plist") != std::string_view::npos));
     if (binaryPlist || xmlPlist) {
         plist_t root = nullptr;
         if (binaryPlist)
@@ -242,7 +244,8 @@ void addMessage(PXReportAnalyzerEntry& parent, const Message& message, const std
         addJSONLines(*section, "JSON", json->value());
     } else if (const std::string* text = parsed.string()) {
         auto lines = section->addNestedEntry();
-        lines->setTitleWithLabel(std::string_view("Text"), static_cast<std::uint64_t>(std::count(text->begin(), text->end(), '\n')) + 1, "line");
+        lines->setTitleWithLabel(std::string_view("Text"),
+                                 static_cast<std::uint64_t>(std::count(text->begin(), text->end(), '\n')) + 1, "line");
         std::size_t start = 0;
         while (start <= text->size()) {
             std::size_t end = text->find('\n', start);
@@ -268,7 +271,7 @@ nlohmann::ordered_json messageJSON(const Message& message) {
     object["bodySHA256"] = message.content() ? nlohmann::ordered_json(message.content()->sha256HexDigest()) : nullptr;
     if (auto plist = message.parsedContent().template object<PlistBody>()) object["plist"] = plist->json();
     object["error"] = message.errorDescription().empty() ? nlohmann::ordered_json()
-                                                          : nlohmann::ordered_json(message.errorDescription());
+                                                         : nlohmann::ordered_json(message.errorDescription());
     return object;
 }
 
@@ -345,7 +348,8 @@ void HttpPrinter::attach(const PXNetworkCapture::Ptr& capture, const PXTCPFlowTa
             // endpoint that sorts first is as good a guess as any.
             const PXPacketPtr creator = capture_->currentPacket();
             const bool clientIsZero = openingSide(*flow, creator.get()) != 1;
-            followed_[flow.get()].analyzer = PXHTTPStreamAnalyzer::initWithTCPFlow(flow, shared_from_this(), clientIsZero);
+            followed_[flow.get()].analyzer =
+                PXHTTPStreamAnalyzer::initWithTCPFlow(flow, shared_from_this(), clientIsZero);
         },
         table.get());
     center.addObserver(

@@ -52,7 +52,7 @@ private:
 
     PXCaptureFile(pcap* handle, std::string path, std::unique_ptr<char[]> readBuffer,
                   std::unique_ptr<DirectReader> direct);
-    std::unique_ptr<char[]> readBuffer_;  // the file's stdio buffer: outlives the handle that closes it
+    std::unique_ptr<char[]> readBuffer_;    // the file's stdio buffer: outlives the handle that closes it
     std::unique_ptr<DirectReader> direct_;  // null: libpcap reads every record
     bool directPaused_ = false;             // while libpcap reads a record for it
     pcap* handle_;

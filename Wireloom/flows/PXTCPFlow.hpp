@@ -15,8 +15,8 @@
 // every packet and every five seconds of capture time, and removes the flow
 // once it says no; the flow never removes itself.
 
-#include <Wireloom/core/Object.hpp>
 #include <Wireloom/core/NotificationCenter.hpp>
+#include <Wireloom/core/Object.hpp>
 #include <Wireloom/flows/PXTCPBuffer.hpp>
 #include <Wireloom/flows/detail/FlowEndpoints.hpp>
 #include <Wireloom/packets/PXTCPPacket.hpp>

@@ -3,8 +3,7 @@
 namespace wireloom {
 
 PXUDPFlowTable::PXUDPFlowTable(PXNetworkCapture::Ptr capture)
-    : capture_(std::move(capture)),
-      directory_(kPXUDPFlowDetectedNotificationName, kPXUDPFlowEndedNotificationName) {}
+    : capture_(std::move(capture)), directory_(kPXUDPFlowDetectedNotificationName, kPXUDPFlowEndedNotificationName) {}
 
 PXUDPFlowTable::Ptr PXUDPFlowTable::self() { return std::static_pointer_cast<PXUDPFlowTable>(shared_from_this()); }
 

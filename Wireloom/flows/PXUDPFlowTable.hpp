@@ -18,8 +18,8 @@
 #include <Wireloom/capture/PXTimer.hpp>
 #include <Wireloom/core/Object.hpp>
 #include <Wireloom/flows/PXUDPFlow.hpp>
-#include <Wireloom/packets/PXUDPPacket.hpp>
 #include <Wireloom/flows/detail/FlowDirectory.hpp>
+#include <Wireloom/packets/PXUDPPacket.hpp>
 
 #include <memory>
 #include <optional>

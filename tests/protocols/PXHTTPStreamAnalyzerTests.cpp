@@ -51,7 +51,8 @@ protected:
     void send(bool fromClient, std::string_view bytes) {
         NotificationCenter::defaultCenter().postNotification(
             kPXTCPFlowStreamChunkNotificationName, flow,
-            {{"chunk", ByteBuffer::fromString(bytes)}, {"identifier", fromClient ? flow->endpoint1() : flow->endpoint0()}});
+            {{"chunk", ByteBuffer::fromString(bytes)},
+             {"identifier", fromClient ? flow->endpoint1() : flow->endpoint0()}});
     }
 
     PXTCPFlow::Ptr flow;

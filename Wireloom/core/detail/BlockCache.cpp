@@ -11,8 +11,8 @@ namespace wireloom::detail {
 namespace {
 
 constexpr std::size_t kGranule = 64;
-constexpr std::size_t kClasses = 32;  // blocks of up to 2 KiB: a full-sized frame
-constexpr std::uint8_t kDepth = 64;   // blocks kept per class and thread, at most
+constexpr std::size_t kClasses = 32;            // blocks of up to 2 KiB: a full-sized frame
+constexpr std::uint8_t kDepth = 64;             // blocks kept per class and thread, at most
 constexpr std::size_t kClassBytes = 64 * 1024;  // and at most so many bytes of them
 
 // 64 blocks up to 1 KiB, fewer of the larger ones.
