@@ -41,10 +41,6 @@ inline std::filesystem::path makeTemporaryFolder() {
     std::string pattern = (std::filesystem::temp_directory_path() / "wl-assistant-XXXXXX").string();
     return mkdtemp(pattern.data());
 }
-inline std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 // An identifier whose socket, "/var/run/<identifier>.socket", is this
 // process's own.
@@ -151,7 +147,7 @@ public:
     HelperProcess& operator=(const HelperProcess&) = delete;
 
     pid_t pid() const { return pid_; }
-    std::string log() const { return readFile(folder_ / "helper.log"); }
+    std::string log() const { return slurp(folder_ / "helper.log"); }
     // The wait status, if the helper ends within the time given.
     std::optional<int> waitForExit(std::chrono::milliseconds limit) {
         for (auto deadline = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < deadline;) {

@@ -155,11 +155,11 @@ TEST(CaptureAssistantInstall, BlessingRunsTheHelpersInstallerThroughPkexec) {
 
     std::string label = WLCaptureAssistantLabel;
     auto tool = system.path("." kGWDHelperToolDirectory "/" + label);
-    EXPECT_EQ(readFile(tool), readFile(realHelperPath()));
+    EXPECT_EQ(slurp(tool), slurp(realHelperPath()));
     EXPECT_EQ(WLNetworkCaptureAssistant::bundleVersionOfExecutable(tool), 1);
-    std::string socketUnit = readFile(system.path("." kGWDUnitDirectory "/" + label + ".socket"));
+    std::string socketUnit = slurp(system.path("." kGWDUnitDirectory "/" + label + ".socket"));
     EXPECT_NE(socketUnit.find("ListenStream=/var/run/" + label + ".socket\n"), std::string::npos);
     EXPECT_NE(socketUnit.find("FileDescriptorName=MasterSocket\n"), std::string::npos);
-    std::string serviceUnit = readFile(system.path("." kGWDUnitDirectory "/" + label + ".service"));
+    std::string serviceUnit = slurp(system.path("." kGWDUnitDirectory "/" + label + ".service"));
     EXPECT_NE(serviceUnit.find("ExecStart=" kGWDHelperToolDirectory "/" + label + "\n"), std::string::npos);
 }

@@ -4,7 +4,6 @@
 #include "support/Paths.hpp"
 
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -15,11 +14,6 @@ namespace wireloom::testing {
 inline constexpr auto npos = std::string::npos;
 
 inline std::filesystem::path wireloomCommand() { return binaryDir() / "cli" / "wireloom"; }
-
-inline std::string slurp(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 // The parts between separators (none in an empty text); a separator at the
 // end starts an empty last part only when kept.

@@ -29,18 +29,13 @@ constexpr std::pair<const char*, int> kSamples[] = {{"demo.pcap", DLT_EN10MB}, {
 
 std::string samplePath(const char* name) { return (sourceDir() / "samples" / name).string(); }
 
-std::string contents(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 TEST(Samples, CommittedFilesAreWhatTheGeneratorWrites) {
     const std::string generator = (binaryDir() / "tools/wireloom-make-samples").string();
     if (!std::ifstream(generator)) GTEST_SKIP() << "the sample generator is not built";
     const std::string fresh = ::testing::TempDir() + "fresh-samples";
     ASSERT_EQ(std::system(("mkdir -p '" + fresh + "' && '" + generator + "' '" + fresh + "' >/dev/null").c_str()), 0);
     for (auto [name, linkType] : kSamples)
-        EXPECT_TRUE(contents(samplePath(name)) == contents(fresh + "/" + name))
+        EXPECT_TRUE(slurp(samplePath(name)) == slurp(fresh + "/" + name))
             << name << " is stale: cmake --build <build> --target samples, then commit it";
 }
 
