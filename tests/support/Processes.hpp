@@ -39,10 +39,21 @@ inline std::string spawn(const std::string& command, const std::filesystem::path
     return pid;
 }
 
-// Until the log says `text`, or 10 seconds.
-inline void waitFor(const std::filesystem::path& log, const std::string& text) {
-    for (int i = 0; i < 200 && output("cat " + log.string()).find(text) == std::string::npos; ++i)
+// Until `done` holds, or 10 seconds however long it takes to ask; whether
+// it came to hold.
+template <class Condition>
+bool waitUntil(Condition done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return true;
+}
+
+// Until the log says `text`, or 10 seconds; whether it did.
+inline bool waitFor(const std::filesystem::path& log, const std::string& text) {
+    return waitUntil([&] { return output("cat " + log.string()).find(text) != std::string::npos; });
 }
 
 }  // namespace wireloom::testing
