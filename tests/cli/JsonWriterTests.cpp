@@ -1,11 +1,9 @@
 // The command writes frames' JSON itself rather than through nlohmann values;
 // every line must still be what nlohmann's dump() made of the same tree.
 #include "EntryOutput.hpp"
-#include "support/FrameBuilder.hpp"
+#include "packets/PacketTestSupport.hpp"
 
 #include <gtest/gtest.h>
-
-#include <pcap/pcap.h>
 
 using namespace wireloom;
 using namespace wireloom::testing;
@@ -53,10 +51,7 @@ TEST(JsonWriter, FrameTreesMatchTheirNlohmannDump) {
         const Bytes frame = ethernet(kMacA, kMacB, kEtherTypeIPv4,
                                      ipv4(ip4("10.0.0.1"), ip4("10.0.0.2"), kProtoTCP,
                                           tcp({.sourcePort = 49152, .destPort = 80, .seq = 1, .payload = data})));
-        pcap_pkthdr header{};
-        header.caplen = header.len = static_cast<bpf_u_int32>(frame.size());
-        const PXPacketPtr innermost = PXPacket::packetWithHeader(header, frame.data(), DLT_EN10MB);
-        for (const auto& entry : cli::layerEntries(*innermost))
+        for (const auto& entry : cli::layerEntries(*decode(frame)))
             EXPECT_EQ(ours(*entry), cli::entryJSON(*entry).dump()) << entry->plainTitle();
     }
     // A tree whose lines were already built is written from them.

@@ -1,12 +1,11 @@
 // TCP and UDP flow tables through a null-device capture, fed hand-built
 // frames on a clock the test moves as a replay moves it, with every flow
 // notification recorded along with the clock at that moment.
-#include "support/FrameBuilder.hpp"
+#include "packets/PacketTestSupport.hpp"
 
 #include <Wireloom/Wireloom.hpp>
 
 #include <gtest/gtest.h>
-#include <pcap/pcap.h>
 
 #include <algorithm>
 #include <cmath>
@@ -75,13 +74,6 @@ Bytes udp4Frame(std::string_view source, std::uint16_t sourcePort, std::string_v
                 const Bytes& payload) {
     return ethernet(kMacB, kMacA, kEtherTypeIPv4,
                     ipv4(ip4(source), ip4(dest), kProtoUDP, udp(sourcePort, destPort, payload)));
-}
-
-// The frame decoded as a capture decodes it, for questions about one packet.
-PXPacketPtr decoded(const Bytes& frame) {
-    pcap_pkthdr header{};
-    header.caplen = header.len = static_cast<bpf_u_int32>(frame.size());
-    return PXPacket::packetWithHeader(header, frame.data(), DLT_EN10MB);
 }
 
 // 10.0.0.10 sorts before 10.0.0.9, so the server is endpoint 0.
@@ -212,7 +204,7 @@ TEST_F(PXTCPFlowTest, MissingBytesEndBothDirectionsAndTheFlow) {
     // A caller that does not ask for the reason ends both directions too.
     auto other = open();
     send(kStart, fromClient(101, kTcpAck, "abc"));
-    auto far = decoded(fromClient(104 + 10 * 1024 * 1024, kTcpAck, "x"));
+    auto far = decode(fromClient(104 + 10 * 1024 * 1024, kTcpAck, "x"));
     other->processPacket(*far->packetWithProtocol<PXTCPPacket>(), false, nullptr);
     EXPECT_EQ(other->endpoint0Incoming(), nullptr);
     EXPECT_EQ(other->endpoint0Outgoing(), nullptr);
@@ -269,15 +261,15 @@ TEST_F(PXTCPFlowTest, IPv6FlowsAndWhichPacketsBelongToAFlow) {
     ASSERT_TRUE(flow);
     EXPECT_EQ(flow->endpoint0Address() + " " + flow->endpoint1Address(), "201:db8::10 201:db8::9");
 
-    EXPECT_TRUE(flow->isPacketMemberOfFlow(*decoded(syn)));
-    EXPECT_TRUE(flow->isPacketMemberOfFlow(*decoded(frame6("2001:db8::10", "2001:db8::9", 80, 5000))));
-    EXPECT_FALSE(flow->isPacketMemberOfFlow(*decoded(frame6("2001:db8::9", "2001:db8::10", 5001, 80))));
-    EXPECT_FALSE(flow->isPacketMemberOfFlow(*decoded(frame6("2001:db8::10", "2001:db8::10", 80, 5000))));
+    EXPECT_TRUE(flow->isPacketMemberOfFlow(*decode(syn)));
+    EXPECT_TRUE(flow->isPacketMemberOfFlow(*decode(frame6("2001:db8::10", "2001:db8::9", 80, 5000))));
+    EXPECT_FALSE(flow->isPacketMemberOfFlow(*decode(frame6("2001:db8::9", "2001:db8::10", 5001, 80))));
+    EXPECT_FALSE(flow->isPacketMemberOfFlow(*decode(frame6("2001:db8::10", "2001:db8::10", 80, 5000))));
 
     auto flow4 = open();
-    EXPECT_TRUE(flow4->isPacketMemberOfFlow(*decoded(fromServer(1, kTcpAck))));
+    EXPECT_TRUE(flow4->isPacketMemberOfFlow(*decode(fromServer(1, kTcpAck))));
     // Same addresses and ports, but not TCP.
-    EXPECT_FALSE(flow4->isPacketMemberOfFlow(*decoded(udp4Frame(kClient, 5000, kServer, 80, bytesOf("x")))));
+    EXPECT_FALSE(flow4->isPacketMemberOfFlow(*decode(udp4Frame(kClient, 5000, kServer, 80, bytesOf("x")))));
 }
 
 // The table remembers each address pair's flow between packets, and must
@@ -358,10 +350,10 @@ TEST_F(PXUDPFlowTest, AnyDatagramStartsAFlowThatRepublishesEachOfItsDatagrams) {
     }
     EXPECT_EQ(published, (std::vector<std::string>{"10.0.0.9:5000 query", "10.0.0.10:53 answer"}));
 
-    EXPECT_TRUE(flow->isPacketMemberOfFlow(*decoded(query)));
-    EXPECT_FALSE(flow->isPacketMemberOfFlow(*decoded(udp4Frame("10.0.0.9", 5000, "10.0.0.10", 54, {}))));
+    EXPECT_TRUE(flow->isPacketMemberOfFlow(*decode(query)));
+    EXPECT_FALSE(flow->isPacketMemberOfFlow(*decode(udp4Frame("10.0.0.9", 5000, "10.0.0.10", 54, {}))));
     EXPECT_FALSE(flow->isPacketMemberOfFlow(
-        *decoded(tcp4Frame("10.0.0.9", "10.0.0.10", {.sourcePort = 5000, .destPort = 53, .flags = kTcpSyn}))));
+        *decode(tcp4Frame("10.0.0.9", "10.0.0.10", {.sourcePort = 5000, .destPort = 53, .flags = kTcpSyn}))));
 }
 
 // Endpoint 1 never answers, so the flow is over 20 seconds after it began
