@@ -26,9 +26,9 @@ std::shared_ptr<PXMDNSPacket> decodeMessage(const Bytes& message, std::uint32_t*
     return std::static_pointer_cast<PXMDNSPacket>(packet);
 }
 
-Bytes header(std::uint16_t flags, std::uint16_t questions, std::uint16_t answers, std::uint16_t additional = 0) {
+Bytes header(std::uint16_t flags, std::uint16_t questions, std::uint16_t answers) {
     Bytes b;
-    for (std::uint16_t word : {std::uint16_t{0x1234}, flags, questions, answers, std::uint16_t{0}, additional})
+    for (std::uint16_t word : {std::uint16_t{0x1234}, flags, questions, answers, std::uint16_t{0}, std::uint16_t{0}})
         appendBE(b, word, 2);
     return b;
 }
@@ -36,6 +36,12 @@ Bytes header(std::uint16_t flags, std::uint16_t questions, std::uint16_t answers
 Bytes operator+(Bytes a, const Bytes& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
+}
+
+Bytes pointer(std::size_t offset) {
+    Bytes b;
+    appendBE(b, 0xc000 | offset, 2);
+    return b;
 }
 
 // type, class, TTL and the resource data with its length.
@@ -60,38 +66,26 @@ std::optional<std::string> readName(const Bytes& message, std::size_t at, std::u
     return name;
 }
 
-std::vector<std::string> rows(PXReportAnalyzerEntry& entry) {
-    std::vector<std::string> titles;
-    for (const auto& child : *entry.children()) titles.emplace_back(child->plainTitle());
-    return titles;
-}
-
 }  // namespace
 
-TEST(MDNSHeader, TwelveBytesMakeAnEmptyMessage) {
+TEST(MDNSHeader, TwelveBytesMakeAMessageWhoseFlagBitsCountFromTheLeastSignificant) {
     std::uint32_t consumed = 0;
-    auto packet = decodeMessage(header(0, 0, 0), &consumed);
-    ASSERT_TRUE(packet);
+    auto low = decodeMessage(header(0x01ff, 0, 0), &consumed);
+    ASSERT_TRUE(low);
     EXPECT_EQ(consumed, 12u);
-    EXPECT_EQ(packet->transactionID(), 0x1234);
-    EXPECT_TRUE(packet->questionRecords().empty() && packet->answerRecords().empty() &&
-                packet->authoritativeAnswerRecords().empty() && packet->additionalRecords().empty());
-    EXPECT_FALSE(decodeMessage(Bytes(11, 0)));
-    EXPECT_FALSE(decodeMessage(header(0, 0, 0), nullptr, 5354));
-}
-
-TEST(MDNSHeader, FlagBitsCountFromTheLeastSignificant) {
-    auto response = decodeMessage(header(0x8400, 0, 0));
-    EXPECT_FALSE(response->isNameServiceResponse());
-    EXPECT_TRUE(response->isNameServiceRequest());
-    EXPECT_FALSE(response->isAuthoritativeAnswer());
-    EXPECT_EQ(response->returnCode(), 8);
-    EXPECT_EQ(response->reserved(), 2);
-    auto low = decodeMessage(header(0x01ff, 0, 0));
+    EXPECT_EQ(low->transactionID(), 0x1234);
     EXPECT_TRUE(low->isNameServiceResponse() && low->isAuthoritativeAnswer() && low->hasTruncation() &&
                 low->recursionDesired() && low->recursionAvailable());
     EXPECT_EQ(low->operationCode(), 15);
     EXPECT_EQ(low->returnCode(), 0);
+    // A usual response's flags, counted this way round: a request with
+    // return code 8, and the request bit is not the authoritative one.
+    auto usual = decodeMessage(header(0x8400, 0, 0));
+    EXPECT_TRUE(!usual->isNameServiceResponse() && usual->isNameServiceRequest() && !usual->isAuthoritativeAnswer());
+    EXPECT_EQ(usual->returnCode(), 8);
+    EXPECT_EQ(usual->reserved(), 2);
+    EXPECT_FALSE(decodeMessage(Bytes(11, 0)));
+    EXPECT_FALSE(decodeMessage(header(0, 0, 0), nullptr, 5354));
 }
 
 TEST(MDNSStrictness, AnyShortFieldRejectsTheMessage) {
@@ -107,7 +101,7 @@ TEST(MDNSStrictness, AnyShortFieldRejectsTheMessage) {
 }
 
 TEST(MDNSStrictness, AnUnreadableNameRejectsAQuestionButOnlyUnnamesARecord) {
-    const Bytes selfPointer = {0xc0, 12};  // at offset 12, pointing at itself
+    const Bytes selfPointer = pointer(12);  // at offset 12: a pointer to itself
     EXPECT_FALSE(decodeMessage(header(0, 1, 0) + selfPointer + Bytes{0, 12, 0, 1}));
 
     auto packet = decodeMessage(header(0, 0, 1) + selfPointer + recordFields(1, 120, {10, 0, 0, 1}));
@@ -121,46 +115,51 @@ TEST(MDNSStrictness, AnUnreadableNameRejectsAQuestionButOnlyUnnamesARecord) {
     EXPECT_EQ(packet->reportAnalyzerEntry()->plainTitle(), "Peerbell A: (null)");
 }
 
-TEST(DNSNameReader, LabelsWrittenOutOrReachedThroughPointers) {
+TEST(DNSNameReader, LabelsPointersAndTheirLimits) {
     // "local" at 12, then "foo" and a pointer back to it, then a pointer
     // forward to "bar" and "local".
     const Bytes message = header(0, 0, 0) + Bytes{5, 'l', 'o', 'c', 'a', 'l', 0} + Bytes{3, 'f', 'o', 'o', 0xc0, 12} +
                           Bytes{0xc0, 27} + Bytes{3, 'b', 'a', 'r', 0xc0, 12};
     std::uint32_t consumed = 0;
     std::size_t endsAt = 0;
-    EXPECT_EQ(readName(message, 12, &consumed, &endsAt), "local");
+    EXPECT_EQ(readName(message, 12, &consumed), "local");
     EXPECT_EQ(consumed, 7u);
     EXPECT_EQ(readName(message, 19, &consumed, &endsAt), "foo.local");
     EXPECT_EQ(consumed, 6u) << "the bytes behind the pointer are not counted";
     EXPECT_EQ(endsAt, 25u);
-    EXPECT_EQ(readName(message, 25), "bar.local");
-    EXPECT_EQ(readName(Bytes{0}, 0), "");
-    EXPECT_FALSE(readName(Bytes{3, 'f', 'o', 'o'}, 0)) << "a name must end";
-    EXPECT_FALSE(readName(Bytes{2, 0xc3, 0x28, 0}, 0)) << "labels must be UTF-8";
-    EXPECT_EQ(readName(Bytes{2, 0xc3, 0xa9, 0}, 0), "\xc3\xa9");
-    EXPECT_FALSE(readName(header(0, 0, 0) + Bytes{0xc0, 200}, 12)) << "a pointer past the message";
-}
 
-TEST(DNSNameReader, PointerChainsEndAtDepthOneHundred) {
     // Pointer i at offset 2i leads to offset 2i + 2; the last one to "x".
     auto chain = [](std::size_t pointers) {
         Bytes b;
-        for (std::size_t i = 0; i < pointers; ++i) appendBE(b, 0xc000 | (2 * i + 2), 2);
+        for (std::size_t i = 0; i < pointers; ++i) b = b + pointer(2 * i + 2);
         return b + Bytes{1, 'x', 0};
     };
-    EXPECT_EQ(readName(chain(100), 0), "x");
-    EXPECT_FALSE(readName(chain(101), 0));
+    const Bytes highLength = Bytes{0xc0} + Bytes(192, 'a') + Bytes{0};
+    const struct {
+        Bytes bytes;
+        std::size_t at;
+        std::optional<std::string> name;
+        const char* why;
+        bool withMessageStart = true;
+    } rows[] = {
+        {message, 25, "bar.local", "a pointer forward"},
+        {Bytes{0}, 0, "", "the root"},
+        {Bytes{3, 'f', 'o', 'o'}, 0, std::nullopt, "a name must end"},
+        {header(0, 0, 0) + Bytes{0xc0, 200}, 12, std::nullopt, "a pointer past the message"},
+        {chain(100), 0, "x", "pointers up to depth 100"},
+        {chain(101), 0, std::nullopt, "a pointer past depth 100"},
+        {highLength, 0, std::string(192, 'a'), "without a message start, 0xc0 is a length", false},
+        {highLength, 0, std::nullopt, "with a message start, 0xc0 is a pointer"},
+        {Bytes{64} + Bytes(64, 'b') + Bytes{0}, 0, std::string(64, 'b'), "lengths 64 to 191 are always labels"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(readName(row.bytes, row.at, nullptr, nullptr, row.withMessageStart), row.name) << row.why;
 }
 
 // Through the chain a message remembers the names it has read, and a pointer
 // to one takes its text. Reached deeper than where it was read, a name must
 // still fail the depth limit exactly where following its pointers would.
 TEST(DNSNameReader, NamesReadOnceFailTheDepthLimitAsWalkingThemWould) {
-    auto pointer = [](std::size_t offset) {
-        Bytes b;
-        appendBE(b, 0xc000 | offset, 2);
-        return b;
-    };
     // A records whose owner names point into a chain of 100 pointers after
     // them (each to the next, the last to "x"): entering it k pointers from
     // its end takes k + 1 pointers in all.
@@ -188,15 +187,7 @@ TEST(DNSNameReader, NamesReadOnceFailTheDepthLimitAsWalkingThemWould) {
             EXPECT_EQ(packet->answerRecords()[i].recordName(), owners[i].second) << "record " << i;
 }
 
-TEST(DNSNameReader, WithoutAMessageStartHighLengthsAreLabels) {
-    Bytes label = Bytes{0xc0} + Bytes(192, 'a') + Bytes{0};
-    EXPECT_EQ(readName(label, 0, nullptr, nullptr, false), std::string(192, 'a'));
-    EXPECT_FALSE(readName(label, 0)) << "with a message start 0xc0 is a pointer";
-    // Lengths 64 to 191 are labels either way.
-    EXPECT_EQ(readName(Bytes{64} + Bytes(64, 'b') + Bytes{0}, 0), std::string(64, 'b'));
-}
-
-TEST(DNSNameReader, NonASCIIAnywhereInALabelAndNamesLongerThanTheWireAllows) {
+TEST(DNSNameReader, NonASCIIAnywhereInALabel) {
     // Labels are copied and checked a word at a time, the last word
     // overlapping the one before: a high byte must count wherever it lies.
     for (std::size_t length : {1, 2, 3, 4, 5, 7, 8, 9, 16, 17, 63}) {
@@ -212,48 +203,43 @@ TEST(DNSNameReader, NonASCIIAnywhereInALabelAndNamesLongerThanTheWireAllows) {
             readName(Bytes{static_cast<std::uint8_t>(length)} + Bytes(accented.begin(), accented.end()) + Bytes{0}, 0),
             accented);
     }
-    // Five full labels: 319 characters, past the 255 of a name on the wire.
-    Bytes labels;
-    std::string dotted;
-    for (char c : std::string("abcde")) {
-        labels = labels + Bytes{63} + Bytes(63, static_cast<std::uint8_t>(c));
-        dotted += (dotted.empty() ? "" : ".") + std::string(63, c);
-    }
-    EXPECT_EQ(readName(labels + Bytes{0}, 0), dotted);
 }
 
-TEST(MDNSResources, SRVNeedsSevenBytesAndReadsItsTargetThroughTheMessage) {
-    const Bytes name = {1, 's', 0};
-    const Bytes shortSrv = name + recordFields(33, 120, {0, 1, 0, 2, 0, 80});
-    EXPECT_FALSE(decodeMessage(header(0, 0, 1) + shortSrv)->answerRecords()[0].resource());
-
-    const Bytes brokenTarget = name + recordFields(33, 120, {0, 1, 0, 2, 0, 80, 9});
-    auto srv = std::dynamic_pointer_cast<PXDNSSRVResource>(
-        decodeMessage(header(0, 0, 1) + brokenTarget)->answerRecords()[0].resource());
-    ASSERT_TRUE(srv);
-    EXPECT_EQ(srv->port(), 80);
-    EXPECT_FALSE(srv->target());
-
+// Data too short for their type give no resource. An SRV target is read
+// through the message: it may be compressed, or run past the record's data.
+TEST(MDNSResources, SRVTXTAndAAAAFromTheirData) {
+    const std::string owner = "Kitchen._http._tcp.local";
     DnsMessage m(0, 0x8400);
-    m.record(DnsMessage::answer, "Kitchen._http._tcp.local", 33, 0x8001, 120, [](DnsMessage& d) {
+    m.record(DnsMessage::answer, owner, 33, 0x8001, 120, [](DnsMessage& d) {
         d.write(Bytes{0, 1, 0, 2, 0x1f, 0x90});
         d.writeName("kitchen.local");  // compressed: ".local" is a pointer
     });
-    srv = std::dynamic_pointer_cast<PXDNSSRVResource>(decodeMessage(m.bytes())->answerRecords()[0].resource());
+    m.record(DnsMessage::answer, owner, 33, 0x8001, 120, [](DnsMessage& d) { d.write(Bytes{0, 1, 0, 2, 0, 80}); });
+    m.record(DnsMessage::answer, owner, 28, 0x8001, 120, [](DnsMessage& d) { d.write(Bytes(15, 1)); });
+    m.record(DnsMessage::answer, owner, 16, 0x8001, 4500, [](DnsMessage& d) {
+        d.writeTxt({"path=/", "flag", "empty=", "path=/second"});
+        d.write(Bytes{5, 'b', 'i', 'n', '=', 0xff});
+    });
+    // Last, so that its target's label runs past the end of the message.
+    m.record(DnsMessage::answer, owner, 33, 0x8001, 120, [](DnsMessage& d) { d.write(Bytes{0, 1, 0, 2, 0, 80, 9}); });
+    const auto packet = decodeMessage(m.bytes());
+    ASSERT_TRUE(packet);
+    const auto resource = [&](std::size_t i) { return packet->answerRecords()[i].resource(); };
+
+    auto srv = std::dynamic_pointer_cast<PXDNSSRVResource>(resource(0));
     ASSERT_TRUE(srv);
     EXPECT_EQ(srv->priority(), 1);
     EXPECT_EQ(srv->weight(), 2);
     EXPECT_EQ(srv->port(), 8080);
     EXPECT_EQ(srv->target(), "kitchen.local");
-}
+    EXPECT_FALSE(resource(1)) << "SRV needs seven bytes";
+    EXPECT_FALSE(resource(2)) << "AAAA needs sixteen";
+    srv = std::dynamic_pointer_cast<PXDNSSRVResource>(resource(4));
+    ASSERT_TRUE(srv);
+    EXPECT_EQ(srv->port(), 80);
+    EXPECT_FALSE(srv->target());
 
-TEST(MDNSResources, TXTKeysWithoutValuesAndBinaryValues) {
-    DnsMessage m(0, 0x8400);
-    m.record(DnsMessage::answer, "Kitchen._http._tcp.local", 16, 0x8001, 4500, [](DnsMessage& d) {
-        d.writeTxt({"path=/", "flag", "empty=", "path=/second"});
-        d.write(Bytes{5, 'b', 'i', 'n', '=', 0xff});
-    });
-    auto txt = std::dynamic_pointer_cast<PXDNSTXTResource>(decodeMessage(m.bytes())->answerRecords()[0].resource());
+    auto txt = std::dynamic_pointer_cast<PXDNSTXTResource>(resource(3));
     ASSERT_TRUE(txt);
     EXPECT_EQ(txt->txt().size(), 4u);
     EXPECT_EQ(*txt->valueForKey("path")->string(), "/") << "the first of a repeated key counts";
@@ -264,47 +250,27 @@ TEST(MDNSResources, TXTKeysWithoutValuesAndBinaryValues) {
     EXPECT_TRUE(PXDNSTXTResource::dictionaryFromTXTRecordData(Bytes{9, 'a'}).empty()) << "a string overruns";
 }
 
-TEST(MDNSResources, PTRAndAAAA) {
-    DnsMessage m(0, 0x8400);
-    m.record(DnsMessage::answer, "_http._tcp.local", 12, 1, 4500,
-             [](DnsMessage& d) { d.writeName("Kitchen._http._tcp.local"); });
-    const IPv6Address address = ip6("fe80::1:2");
-    m.record(DnsMessage::answer, "kitchen.local", 28, 0x8001, 120,
-             [&](DnsMessage& d) { d.write(Bytes(address.begin(), address.end())); });
-    m.record(DnsMessage::answer, "kitchen.local", 28, 0x8001, 120, [](DnsMessage& d) { d.write(Bytes(15, 1)); });
-    auto packet = decodeMessage(m.bytes());
-    auto ptr = std::dynamic_pointer_cast<PXDNSPTRResource>(packet->answerRecords()[0].resource());
-    ASSERT_TRUE(ptr);
-    EXPECT_EQ(ptr->canonicalName(), "Kitchen._http._tcp.local");
-    auto aaaa = std::dynamic_pointer_cast<PXDNSIPv6AddressResource>(packet->answerRecords()[1].resource());
-    ASSERT_TRUE(aaaa);
-    EXPECT_EQ(aaaa->ipv6Address(), PXIPv6Packet::stringFromIPv6Address(address.data()));
-    EXPECT_FALSE(packet->answerRecords()[2].resource());
-}
-
 // The address's text is written on first use: the first readers may race,
 // and an address set by hand replaces the record's for good.
 TEST(MDNSResources, AAAATextWrittenOnceWhenFirstAskedFor) {
     const IPv6Address address = ip6("2001:db8::ff00:42:8329");
     const std::string expected = PXIPv6Packet::stringFromIPv6Address(address.data());
-    const PXDNSIPv6AddressResource decoded(address.data());
+    PXDNSIPv6AddressResource decoded(address.data());
     std::vector<std::string> seen(4);
     std::vector<std::thread> readers;
     for (std::string& text : seen) readers.emplace_back([&] { text = decoded.ipv6Address(); });
     for (std::thread& reader : readers) reader.join();
     EXPECT_EQ(seen, std::vector<std::string>(4, expected));
+    decoded.setIpv6Address("::2");
+    EXPECT_EQ(decoded.ipv6Address(), "::2");
 
     PXDNSIPv6AddressResource set(address.data());
     set.setIpv6Address("::1");
     EXPECT_EQ(set.ipv6Address(), "::1");
-    PXDNSIPv6AddressResource read(address.data());
-    EXPECT_EQ(read.ipv6Address(), expected);
-    read.setIpv6Address("::2");
-    EXPECT_EQ(read.ipv6Address(), "::2");
     EXPECT_EQ(PXDNSIPv6AddressResource().ipv6Address(), "");
 }
 
-TEST(MDNSEntry, TitleHeaderAndSections) {
+TEST(MDNSEntry, TitleNamesEveryRecordAndSectionsCountThem) {
     DnsMessage m(7, 0x8400);
     m.ask("_http._tcp.local", 12);
     m.record(DnsMessage::answer, "_http._tcp.local", 12, 1, 4500,
@@ -312,26 +278,13 @@ TEST(MDNSEntry, TitleHeaderAndSections) {
     m.record(DnsMessage::additional, "kitchen.local", 1, 0x8001, 120, [](DnsMessage& d) { d.write(0x0a000001, 4); });
     auto entry = decodeMessage(m.bytes())->reportAnalyzerEntry();
     EXPECT_EQ(entry->plainTitle(), "Peerbell Q: _http._tcp.local, A: _http._tcp.local, AR: kitchen.local");
-    const std::vector<std::string> titles = rows(*entry);
+    std::vector<std::string> titles;
+    for (const auto& child : *entry->children()) titles.emplace_back(child->plainTitle());
     ASSERT_EQ(titles.size(), 19u);
-    EXPECT_EQ(std::vector<std::string>(titles.begin(), titles.begin() + 3),
-              (std::vector<std::string>{"Transaction ID: 7", "Flags: 0x8400", "Name Service Response: NO"}));
-    EXPECT_EQ(titles[10], "Return Code: 0x08");
+    EXPECT_EQ(titles[0], "Transaction ID: 7");
     EXPECT_EQ(std::vector<std::string>(titles.end() - 4, titles.end()),
               (std::vector<std::string>{"Questions (1 record)", "Answers (1 record)",
                                         "Authoritative Answers (0 records)", "Additional (1 record)"}));
-    auto& questions = *entry->children()->at(15);
-    EXPECT_EQ(questions.children()->at(0)->plainTitle(), "Question 0");
-    EXPECT_EQ(rows(*questions.children()->at(0)),
-              (std::vector<std::string>{"Name: _http._tcp.local", "Type: 0x000c (PTR)", "Class: 0x0001"}));
-    auto& answer = *entry->children()->at(16)->children()->at(0);
-    EXPECT_EQ(answer.plainTitle(), "Record 0");
-    EXPECT_EQ(rows(answer), (std::vector<std::string>{"Name: _http._tcp.local", "Type: 0x000c (PTR)", "Class: 0x0001",
-                                                      "TTL: 4500 (1h 15m)", "Resource Data Length: 10",
-                                                      "Resource Data (10 bytes)", "Parsed Resource"}));
-    EXPECT_EQ(rows(*answer.children()->back()), (std::vector<std::string>{"Canonical Name: Kitchen._http._tcp.local"}));
-    auto& additional = *entry->children()->at(18)->children()->at(0);
-    EXPECT_EQ(rows(additional).back(), "Resource Data (4 bytes)") << "an A record has no parsed resource";
 }
 
 TEST(MDNSChain, OnlyDatagramsFrom5353To5353AndOnlyTheDatagramsBytes) {
@@ -355,37 +308,36 @@ TEST(MDNSChain, OnlyDatagramsFrom5353To5353AndOnlyTheDatagramsBytes) {
 TEST(MDNSChain, TextKeptOfAMessageOutlivesIt) {
     // Names longer than a wire name (four full labels) and a data-less record,
     // whose copy holds nothing of the frame but its name.
-    auto response = [](const std::string& host, char label) {
-        const std::string longName = std::string(63, label) + "." + std::string(63, label + 1) + "." +
-                                     std::string(63, label + 2) + "." + std::string(63, label + 3) + ".local";
+    auto longName = [](char label) {
+        std::string name;
+        for (char c = label; c < label + 4; ++c) name += std::string(63, c) + ".";
+        return name + "local";
+    };
+    auto decodeResponse = [&](const std::string& host, char label) {
         DnsMessage m(0, 0x8400);
         m.ask("_http._tcp." + host, 12);
         m.record(DnsMessage::answer, "_http._tcp.local", 12, 1, 4500,
                  [&](DnsMessage& d) { d.writeName(host + "._http._tcp.local"); });
         m.record(DnsMessage::additional, host + "._http._tcp.local", 33, 0x8001, 120, [&](DnsMessage& d) {
-            d.write(0, 4);
-            d.write(80, 2);
-            d.writeName(longName);
+            d.write(80, 6);  // priority and weight 0, port 80
+            d.writeName(longName(label));
         });
-        m.record(DnsMessage::additional, longName, 28, 0x8001, 120,
+        m.record(DnsMessage::additional, longName(label), 28, 0x8001, 120,
                  [&](DnsMessage& d) { d.write(Bytes(16, static_cast<std::uint8_t>(label))); });
         m.record(DnsMessage::additional, host + ".local", 47, 0x8001, 120, [](DnsMessage&) {});
-        return mdnsFrame(m.bytes());
+        return decode(mdnsFrame(m.bytes()))->packetWithProtocol<PXMDNSPacket>();
     };
-    const std::string longName = std::string(63, 'h') + "." + std::string(63, 'i') + "." + std::string(63, 'j') + "." +
-                                 std::string(63, 'k') + ".local";
-
     auto reuseTheBlock = [&] {
-        for (int i = 0; i < 40; ++i) decode(response("hallway", 'p'));
+        for (int i = 0; i < 40; ++i) decodeResponse("hallway", 'p');
     };
 
     // Copies of records and questions, without their message.
     std::vector<PXMDNSQuestion> questions;
     std::optional<PXMDNSRecord> copied;
-    if (const auto message = decode(response("kitchen", 'h'))->packetWithProtocol<PXMDNSPacket>()) {
+    if (const auto message = decodeResponse("kitchen", 'h')) {
         questions.assign(message->questionRecords().begin(), message->questionRecords().end());
         copied = message->additionalRecords()[2];
-        EXPECT_EQ(message->additionalRecords()[1].recordName(), longName);
+        EXPECT_EQ(message->additionalRecords()[1].recordName(), longName('h'));
     }
     reuseTheBlock();
     EXPECT_EQ(questions.at(0).recordName(), "_http._tcp.kitchen");
@@ -393,14 +345,14 @@ TEST(MDNSChain, TextKeptOfAMessageOutlivesIt) {
 
     // Resources, without their message.
     PXDNSResource::Ptr ptr, srv, aaaa;
-    if (const auto message = decode(response("kitchen", 'h'))->packetWithProtocol<PXMDNSPacket>()) {
+    if (const auto message = decodeResponse("kitchen", 'h')) {
         ptr = message->answerRecords()[0].resource();
         srv = message->additionalRecords()[0].resource();
         aaaa = message->additionalRecords()[1].resource();
     }
     reuseTheBlock();
     EXPECT_EQ(std::dynamic_pointer_cast<PXDNSPTRResource>(ptr)->canonicalName(), "kitchen._http._tcp.local");
-    EXPECT_EQ(std::dynamic_pointer_cast<PXDNSSRVResource>(srv)->target(), longName);
+    EXPECT_EQ(std::dynamic_pointer_cast<PXDNSSRVResource>(srv)->target(), longName('h'));
     EXPECT_EQ(std::dynamic_pointer_cast<PXDNSIPv6AddressResource>(aaaa)->ipv6Address(),
               "6868:6868:6868:6868:6868:6868:6868:6868");
 }
@@ -411,7 +363,7 @@ TEST(MDNSChain, TextKeptOfAMessageOutlivesIt) {
 // Either way a resource kept alone, or a copied record, still reads right
 // once the message is gone and its block reused.
 TEST(MDNSChain, ResourcesKeptAloneWhetherInTheBlockOrNot) {
-    auto response = [](char label, int services) {
+    auto decodeResponse = [](char label, int services) {
         auto instance = [&](int i) { return std::string(20, label) + std::to_string(i) + "._http._tcp.local"; };
         DnsMessage m(0, 0x8400);
         for (int i = 0; i < services; ++i)
@@ -420,12 +372,15 @@ TEST(MDNSChain, ResourcesKeptAloneWhetherInTheBlockOrNot) {
         for (int i = 0; i < services; ++i)
             m.record(DnsMessage::additional, instance(i), 16, 0x8001, 4500,
                      [&](DnsMessage& d) { d.writeTxt({"id=" + std::string(8, label) + std::to_string(i)}); });
-        return mdnsFrame(m.bytes());
+        return decode(mdnsFrame(m.bytes()))->packetWithProtocol<PXMDNSPacket>();
+    };
+    auto id = [](const PXDNSResource::Ptr& txt) {
+        return *std::dynamic_pointer_cast<PXDNSTXTResource>(txt)->valueForKey("id")->string();
     };
     for (const int services : {1, 6, 14, 40}) {
         std::vector<PXDNSResource::Ptr> kept;
         std::vector<PXMDNSRecord> copies;
-        if (const auto message = decode(response('k', services))->packetWithProtocol<PXMDNSPacket>()) {
+        if (const auto message = decodeResponse('k', services)) {
             ASSERT_EQ(message->additionalRecords().size(), static_cast<std::size_t>(services));
             for (int i = 0; i < services; ++i) {
                 kept.push_back(message->answerRecords()[i].resource());
@@ -433,17 +388,14 @@ TEST(MDNSChain, ResourcesKeptAloneWhetherInTheBlockOrNot) {
             }
             copies.assign(message->additionalRecords().begin(), message->additionalRecords().end());
         }
-        for (int i = 0; i < 40; ++i) decode(response('p', services));
+        for (int i = 0; i < 40; ++i) decodeResponse('p', services);
         for (int i = 0; i < services; ++i) {
             const std::string number = std::to_string(i);
             EXPECT_EQ(std::dynamic_pointer_cast<PXDNSPTRResource>(kept.at(2 * i))->canonicalName(),
                       std::string(20, 'k') + number + "._http._tcp.local");
-            EXPECT_EQ(*std::dynamic_pointer_cast<PXDNSTXTResource>(kept.at(2 * i + 1))->valueForKey("id")->string(),
-                      std::string(8, 'k') + number);
+            EXPECT_EQ(id(kept.at(2 * i + 1)), std::string(8, 'k') + number);
             EXPECT_EQ(copies.at(i).resourceData().stringView().substr(1), "id=" + std::string(8, 'k') + number);
-            EXPECT_EQ(
-                *std::dynamic_pointer_cast<PXDNSTXTResource>(copies.at(i).resource())->valueForKey("id")->string(),
-                std::string(8, 'k') + number);
+            EXPECT_EQ(id(copies.at(i).resource()), std::string(8, 'k') + number);
         }
     }
 }

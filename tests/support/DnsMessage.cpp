@@ -4,18 +4,17 @@
 
 namespace wireloom::testing {
 
-DnsMessage::DnsMessage(std::uint16_t id, std::uint16_t flags) : bytes_(12, 0) {
-    bytes_[0] = static_cast<std::uint8_t>(id >> 8);
-    bytes_[1] = static_cast<std::uint8_t>(id);
-    bytes_[2] = static_cast<std::uint8_t>(flags >> 8);
-    bytes_[3] = static_cast<std::uint8_t>(flags);
+DnsMessage::DnsMessage(std::uint16_t id, std::uint16_t flags) {
+    appendBE(bytes_, id, 2);
+    appendBE(bytes_, flags, 2);
+    bytes_.resize(12);  // the four section counts, all 0
 }
 
-DnsMessage& DnsMessage::ask(const std::string& name, std::uint16_t type, std::uint16_t klass) {
+DnsMessage& DnsMessage::ask(const std::string& name, std::uint16_t type) {
     count(question);
     writeName(name);
     appendBE(bytes_, type, 2);
-    appendBE(bytes_, klass, 2);
+    appendBE(bytes_, 1, 2);  // class IN
     return *this;
 }
 
@@ -61,10 +60,8 @@ void DnsMessage::writeTxt(const std::vector<std::string>& strings) {
 }
 
 void DnsMessage::count(Section section) {
-    const std::size_t at = 4 + 2 * static_cast<std::size_t>(section);
-    const unsigned n = (bytes_[at] << 8 | bytes_[at + 1]) + 1u;
-    bytes_[at] = static_cast<std::uint8_t>(n >> 8);
-    bytes_[at + 1] = static_cast<std::uint8_t>(n);
+    std::uint8_t* n = &bytes_[4 + 2 * static_cast<std::size_t>(section)];  // big-endian
+    if (++n[1] == 0) ++n[0];
 }
 
 Bytes mdnsFrame(const Bytes& message, IPv4Address source) {

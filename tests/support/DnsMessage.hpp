@@ -24,7 +24,7 @@ public:
 
     DnsMessage(std::uint16_t id, std::uint16_t flags);
 
-    DnsMessage& ask(const std::string& name, std::uint16_t type, std::uint16_t klass = 1);
+    DnsMessage& ask(const std::string& name, std::uint16_t type);
     // klass carries mDNS's cache-flush bit where it is set; the data comes
     // from a callback so that names inside it are compressed too.
     DnsMessage& record(Section section, const std::string& name, std::uint16_t type, std::uint16_t klass,

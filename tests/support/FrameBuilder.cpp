@@ -17,16 +17,6 @@ void putBE16(Bytes& b, std::size_t at, std::uint16_t v) {
     b[at + 1] = static_cast<std::uint8_t>(v);
 }
 
-void appendBE16(Bytes& b, std::uint16_t v) {
-    b.push_back(static_cast<std::uint8_t>(v >> 8));
-    b.push_back(static_cast<std::uint8_t>(v));
-}
-
-void appendBE32(Bytes& b, std::uint32_t v) {
-    appendBE16(b, static_cast<std::uint16_t>(v >> 16));
-    appendBE16(b, static_cast<std::uint16_t>(v));
-}
-
 void append(Bytes& b, const std::uint8_t* p, std::size_t n) { b.insert(b.end(), p, p + n); }
 void append(Bytes& b, const Bytes& more) { b.insert(b.end(), more.begin(), more.end()); }
 
@@ -41,15 +31,25 @@ std::uint16_t fold(std::uint32_t sum) {
     return static_cast<std::uint16_t>(~sum);
 }
 
-// Fills the TCP or UDP checksum of a segment whose checksum field is still
-// zero, given the sum of the IP pseudo-header's addresses.
-void fillTransportChecksum(Bytes& segment, std::uint8_t protocol, std::uint32_t addressSum) {
-    std::size_t field = protocol == kProtoTCP ? 16 : protocol == kProtoUDP ? 6 : 0;
+// Appends a TCP or UDP segment, its checksum filled in where the field is
+// still zero, given the sum of the IP pseudo-header's addresses.
+void appendSegment(Bytes& b, std::uint8_t protocol, std::uint32_t addressSum, const Bytes& segment) {
+    const std::size_t start = b.size();
+    append(b, segment);
+    const std::size_t field = protocol == kProtoTCP ? 16 : protocol == kProtoUDP ? 6 : 0;
     if (!field || segment.size() < field + 2 || segment[field] || segment[field + 1]) return;
     std::uint32_t sum = addressSum + protocol + static_cast<std::uint32_t>(segment.size());
     std::uint16_t checksum = fold(sum16(segment.data(), segment.size(), sum));
     if (protocol == kProtoUDP && checksum == 0) checksum = 0xffff;
-    putBE16(segment, field, checksum);
+    putBE16(b, start + field, checksum);
+}
+
+template <class Address>
+Address address(int family, std::string_view text) {
+    Address a{};
+    if (inet_pton(family, std::string(text).c_str(), a.data()) != 1)
+        throw std::invalid_argument("bad address " + std::string(text));
+    return a;
 }
 
 }  // namespace
@@ -64,19 +64,8 @@ Mac mac(std::string_view text) {
     return m;
 }
 
-IPv4Address ip4(std::string_view text) {
-    IPv4Address a{};
-    if (inet_pton(AF_INET, std::string(text).c_str(), a.data()) != 1)
-        throw std::invalid_argument("bad IPv4 " + std::string(text));
-    return a;
-}
-
-IPv6Address ip6(std::string_view text) {
-    IPv6Address a{};
-    if (inet_pton(AF_INET6, std::string(text).c_str(), a.data()) != 1)
-        throw std::invalid_argument("bad IPv6 " + std::string(text));
-    return a;
-}
+IPv4Address ip4(std::string_view text) { return address<IPv4Address>(AF_INET, text); }
+IPv6Address ip6(std::string_view text) { return address<IPv6Address>(AF_INET6, text); }
 
 Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
 
@@ -88,17 +77,16 @@ Bytes tcp(const TcpFields& f) {
     Bytes options = f.options;
     while (options.size() % 4) options.push_back(0);
     Bytes b;
-    b.reserve(20 + options.size() + f.payload.size());
-    appendBE16(b, f.sourcePort);
-    appendBE16(b, f.destPort);
-    appendBE32(b, f.seq);
-    appendBE32(b, f.ack);
+    appendBE(b, f.sourcePort, 2);
+    appendBE(b, f.destPort, 2);
+    appendBE(b, f.seq, 4);
+    appendBE(b, f.ack, 4);
     const std::uint8_t words = f.dataOffset.value_or(static_cast<std::uint8_t>(5 + options.size() / 4));
     b.push_back(static_cast<std::uint8_t>(words << 4));
     b.push_back(f.flags);
-    appendBE16(b, f.window);
-    appendBE16(b, 0);  // checksum, filled by the IP layer
-    appendBE16(b, 0);  // urgent pointer
+    appendBE(b, f.window, 2);
+    appendBE(b, 0, 2);  // checksum, filled by the IP layer
+    appendBE(b, 0, 2);  // urgent pointer
     append(b, options);
     append(b, f.payload);
     return b;
@@ -107,11 +95,10 @@ Bytes tcp(const TcpFields& f) {
 Bytes udp(std::uint16_t sourcePort, std::uint16_t destPort, const Bytes& payload,
           std::optional<std::uint16_t> lengthField) {
     Bytes b;
-    b.reserve(8 + payload.size());
-    appendBE16(b, sourcePort);
-    appendBE16(b, destPort);
-    appendBE16(b, lengthField.value_or(static_cast<std::uint16_t>(8 + payload.size())));
-    appendBE16(b, 0);
+    appendBE(b, sourcePort, 2);
+    appendBE(b, destPort, 2);
+    appendBE(b, lengthField.value_or(static_cast<std::uint16_t>(8 + payload.size())), 2);
+    appendBE(b, 0, 2);
     append(b, payload);
     return b;
 }
@@ -121,39 +108,32 @@ Bytes ipv4(IPv4Address source, IPv4Address dest, std::uint8_t protocol, const By
     while (options.size() % 4) options.push_back(0);
     const std::size_t headerLength = 20 + options.size();
     Bytes b;
-    b.reserve(headerLength + payload.size());
     b.push_back(static_cast<std::uint8_t>(0x40 | (f.ihl.value_or(static_cast<std::uint8_t>(headerLength / 4)) & 0x0f)));
     b.push_back(0);
-    appendBE16(b, f.totalLength.value_or(static_cast<std::uint16_t>(headerLength + payload.size())));
-    appendBE16(b, f.identification);
-    appendBE16(b, 0x4000);  // don't fragment
+    appendBE(b, f.totalLength.value_or(static_cast<std::uint16_t>(headerLength + payload.size())), 2);
+    appendBE(b, f.identification, 2);
+    appendBE(b, 0x4000, 2);  // don't fragment
     b.push_back(f.ttl);
     b.push_back(protocol);
-    appendBE16(b, 0);
+    appendBE(b, 0, 2);
     append(b, source.data(), 4);
     append(b, dest.data(), 4);
     append(b, options);
     putBE16(b, 10, fold(sum16(b.data(), headerLength)));
-
-    Bytes segment = payload;
-    fillTransportChecksum(segment, protocol, sum16(source.data(), 4) + sum16(dest.data(), 4));
-    append(b, segment);
+    appendSegment(b, protocol, sum16(source.data(), 4) + sum16(dest.data(), 4), payload);
     return b;
 }
 
 Bytes ipv6(const IPv6Address& source, const IPv6Address& dest, std::uint8_t nextHeader, const Bytes& payload,
            std::optional<std::uint16_t> payloadLength, std::uint8_t hopLimit) {
     Bytes b;
-    b.reserve(40 + payload.size());
-    appendBE32(b, 0x60000000);
-    appendBE16(b, payloadLength.value_or(static_cast<std::uint16_t>(payload.size())));
+    appendBE(b, 0x60000000, 4);
+    appendBE(b, payloadLength.value_or(static_cast<std::uint16_t>(payload.size())), 2);
     b.push_back(nextHeader);
     b.push_back(hopLimit);
     append(b, source.data(), 16);
     append(b, dest.data(), 16);
-    Bytes segment = payload;
-    fillTransportChecksum(segment, nextHeader, sum16(source.data(), 16) + sum16(dest.data(), 16));
-    append(b, segment);
+    appendSegment(b, nextHeader, sum16(source.data(), 16) + sum16(dest.data(), 16), payload);
     return b;
 }
 
@@ -172,10 +152,9 @@ Bytes ipv6Extension(std::uint8_t nextHeader, std::uint8_t lengthByte, std::size_
 
 Bytes ethernet(const Mac& dest, const Mac& source, std::uint16_t etherType, const Bytes& payload) {
     Bytes b;
-    b.reserve(14 + payload.size());
     append(b, dest.data(), 6);
     append(b, source.data(), 6);
-    appendBE16(b, etherType);
+    appendBE(b, etherType, 2);
     append(b, payload);
     return b;
 }
@@ -189,11 +168,11 @@ Bytes loopback(std::uint32_t family, const Bytes& payload) {
 
 Bytes arpRequest(const Mac& sender, IPv4Address senderAddress, IPv4Address targetAddress) {
     Bytes arp;
-    appendBE16(arp, 1);       // Ethernet
-    appendBE16(arp, 0x0800);  // IPv4
+    appendBE(arp, 1, 2);       // Ethernet
+    appendBE(arp, 0x0800, 2);  // IPv4
     arp.push_back(6);
     arp.push_back(4);
-    appendBE16(arp, 1);  // request
+    appendBE(arp, 1, 2);  // request
     append(arp, sender.data(), 6);
     append(arp, senderAddress.data(), 4);
     arp.insert(arp.end(), 6, 0);

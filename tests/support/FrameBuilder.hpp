@@ -39,7 +39,6 @@ inline constexpr std::uint8_t kProtoIPv6 = 41;
 inline constexpr std::uint8_t kProtoICMPv6 = 58;
 inline constexpr std::uint8_t kTcpFin = 0x01;
 inline constexpr std::uint8_t kTcpSyn = 0x02;
-inline constexpr std::uint8_t kTcpRst = 0x04;
 inline constexpr std::uint8_t kTcpPsh = 0x08;
 inline constexpr std::uint8_t kTcpAck = 0x10;
 

@@ -10,15 +10,10 @@ namespace wireloom::testing {
 namespace {
 
 constexpr int kLinkEthernet = 1;
-constexpr int kLinkLoopback = 0;
 // Both sides scale their window by 2^7, as Linux does by default, so the
 // 502 in every segment after the handshake means 64256 bytes.
 constexpr std::uint8_t kWindowScale = 7;
 constexpr std::uint16_t kScaledWindow = 502;
-
-void appendBE(Bytes& b, std::uint32_t value, int bytes) {
-    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8) b.push_back(static_cast<std::uint8_t>(value >> shift));
-}
 
 // Linux's SYN options in Linux's order: MSS, SACK permitted, timestamps,
 // window scale.
@@ -45,14 +40,7 @@ Bytes timestampOptions(std::uint32_t tsval, std::uint32_t tsecr) {
 
 TcpConversation::TcpConversation(int linkLayerType, TcpEndpoint client, TcpEndpoint server, std::uint32_t clientSeq,
                                  std::uint32_t serverSeq)
-    : linkLayerType_(linkLayerType) {
-    if (linkLayerType != kLinkEthernet && linkLayerType != kLinkLoopback)
-        throw std::invalid_argument("TcpConversation: link-layer type must be 0 or 1");
-    ipv6_ = client.address.find(':') != std::string::npos;
-    if (ipv6_ != (server.address.find(':') != std::string::npos))
-        throw std::invalid_argument("TcpConversation: " + client.address + " and " + server.address +
-                                    " are of different families");
-
+    : linkLayerType_(linkLayerType), ipv6_(client.address.find(':') != std::string::npos) {
     auto setUp = [this](Side& side, TcpEndpoint endpoint, std::uint32_t isn, std::uint8_t ttl) {
         if (ipv6_)
             side.v6 = ip6(endpoint.address);
@@ -147,7 +135,7 @@ Bytes TcpConversation::frameBytes(Side& from, const Side& to, const Bytes& segme
         fields.identification = from.identification++;
         packet = ipv4(from.v4, to.v4, kProtoTCP, segment, fields);
     }
-    if (linkLayerType_ == kLinkLoopback) return loopback(ipv6_ ? kLoopbackIPv6 : kLoopbackIPv4, packet);
+    if (linkLayerType_ != kLinkEthernet) return loopback(ipv6_ ? kLoopbackIPv6 : kLoopbackIPv4, packet);
     return ethernet(to.endpoint.mac, from.endpoint.mac, ipv6_ ? kEtherTypeIPv6 : kEtherTypeIPv4, packet);
 }
 

@@ -4,12 +4,9 @@
 // sequence numbers, IPv4 identification counters and TCP timestamps, so
 // tshark follows the stream without complaint:
 //
-//   using namespace wireloom::testing;
 //   TcpConversation c(1, {kMacA, "192.168.1.10", 51514}, {kMacB, "203.0.113.80", 80}, 1000, 5000);
-//   std::vector<Frame> frames;
-//   double clock = 1767225600.0;
 //   c.open(frames, clock);
-//   c.send(true, bytesOf("GET / HTTP/1.1\r\nHost: example.com\r\n\r\n"), frames, clock);
+//   c.send(true, request, frames, clock);
 //   clock += 0.002;  // the server thinks
 //   c.send(false, response, frames, clock);
 //   c.close(frames, clock);
@@ -38,7 +35,7 @@ class TcpConversation {
 public:
     // linkLayerType 1 (Ethernet) or 0 (BSD loopback). The sequence numbers
     // are the initial ones, which the SYNs carry. Throws invalid_argument on
-    // another link type, a bad address or mixed families.
+    // a bad address, or one of the other family than the client's.
     TcpConversation(int linkLayerType, TcpEndpoint client, TcpEndpoint server, std::uint32_t clientSeq,
                     std::uint32_t serverSeq);
 
@@ -49,9 +46,6 @@ public:
     void send(bool fromClient, const Bytes& data, std::vector<Frame>& out, double& clock, std::size_t mss = 1448);
     // The client's FIN, the server's FIN acknowledging it, the client's ACK.
     void close(std::vector<Frame>& out, double& clock);
-
-    // The sequence number a side's next segment carries.
-    std::uint32_t nextSeq(bool client) const noexcept { return (client ? client_ : server_).seq; }
 
 private:
     struct Side {
